@@ -1,0 +1,26 @@
+// Named fixed-point primitives shared by every kernel. Widths and rounding are
+// in the names; nothing here can overflow or shift out of range.
+#pragma once
+
+#include <cstdint>
+
+namespace rsmpl {
+
+constexpr int16_t sat16(int64_t v) {
+    return static_cast<int16_t>(v > INT16_MAX ? INT16_MAX : (v < INT16_MIN ? INT16_MIN : v));
+}
+
+constexpr int32_t sat32(int64_t v) {
+    return static_cast<int32_t>(v > INT32_MAX ? INT32_MAX : (v < INT32_MIN ? INT32_MIN : v));
+}
+
+// Exact 16x16 -> 32-bit product.
+constexpr int32_t mul16x16(int16_t a, int16_t b) { return int32_t{a} * int32_t{b}; }
+
+// Round half towards +inf, then arithmetic shift right by s (1..62).
+constexpr int64_t round_shift_right(int64_t acc, int s) { return (acc + (int64_t{1} << (s - 1))) >> s; }
+
+// (acc + 2^(s-1)) >> s, saturated to 16 bits: the output rule of every FIR kernel.
+constexpr int16_t round_sat16(int64_t acc, int s) { return sat16(round_shift_right(acc, s)); }
+
+}  // namespace rsmpl

@@ -1,0 +1,134 @@
+/*
+ * Fixed-point DSP utility library: memory helpers, fixed-point primitives,
+ * decibel conversion, smoothers, block FIR, byte reordering, spline fit.
+ *
+ * Usable from C and C++. Every UTIL_X forwards to the body UTILX; only the
+ * forwarders that return a status check their arguments. Bodies check nothing.
+ * Nothing here prints; fixed-point functions saturate instead of failing.
+ */
+#ifndef RSMPL_UTIL_H
+#define RSMPL_UTIL_H
+
+#include <stdint.h>
+
+#ifndef RSMPL_API
+#define RSMPL_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Memory and buffer helpers -------------------------------------------
+ * Byte counts are unsigned 32-bit; each helper returns its destination.
+ * "Internal" and "external" memory are the same process memory here.
+ */
+RSMPL_API void *UTIL_Memcpy(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTIL_Memmove(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTIL_Memset(void *dst, int32_t value, uint32_t bytes);
+RSMPL_API void *UTIL_MemcpyIntFromExt(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTIL_MemcpyExtFromInt(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTIL_MemmoveExternal(void *dst, const void *src, uint32_t bytes);
+
+RSMPL_API void *UTILMemcpy(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTILMemmove(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTILMemset(void *dst, int32_t value, uint32_t bytes);
+RSMPL_API void *UTILMemcpyIntFromExt(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTILMemcpyExtFromInt(void *dst, const void *src, uint32_t bytes);
+RSMPL_API void *UTILMemmoveExternal(void *dst, const void *src, uint32_t bytes);
+
+/*
+ * Aligned allocation. Returns a pointer aligned to `alignment` with at least
+ * `size` usable bytes, and stores the block to pass to free() in *rawOut.
+ *
+ * The forwarder returns NULL, allocates nothing and leaves *rawOut untouched
+ * when size is 0, rawOut is NULL, or alignment is 0, odd or not a power of two.
+ * When size + alignment does not fit in 32 bits, or malloc fails, both the
+ * result and *rawOut are NULL: a block smaller than asked for is never given.
+ */
+RSMPL_API void *UTIL_MemAllocNByteAligned(uint32_t size, uint32_t alignment, void **rawOut);
+RSMPL_API void *UTILMemAllocNByteAligned(uint32_t size, uint32_t alignment, void **rawOut);
+
+/* ---- Fixed-point arithmetic ----------------------------------------------
+ * EXP32: 64-bit word, bits 32..63 signed 32-bit mantissa m, bits 0..15 signed
+ *        16-bit exponent e, bits 16..31 zero; value m * 2^e. Zero is m = 0,
+ *        e = -32768.
+ * EXP16: 32-bit word, bits 16..31 mantissa rounded to 16 bits, bits 0..15 e.
+ */
+typedef uint64_t UTIL_EXP32;
+typedef uint32_t UTIL_EXP16;
+
+/* x * 2^n + 0.5 in double, clamped to 0..UINT32_MAX, truncated. */
+RSMPL_API uint32_t ToUFix(int32_t n, float x);
+/* x * 2^n in double, rounded half away from zero, clamped to int32. */
+RSMPL_API int32_t ToSFix(int32_t n, float x);
+/* x clamped to -2^(bits-1) .. 2^(bits-1)-1, bits in 1..32. */
+RSMPL_API int64_t _SAT(int64_t x, int16_t bits);
+/* Left shifts that bring |*x| to 2^30 (x > 0) or 2^31 (x < 0); 0 for 0. */
+RSMPL_API int16_t _EXPONENT32(const int32_t *x);
+/* x = mantissa * 2^exponent with one redundant sign bit; 0 -> (0, -32768). */
+RSMPL_API void _NORMALIZE_S32(int32_t x, int32_t *mantissa, int16_t *exponent);
+/* 64-bit split, right shift capped at 8. */
+RSMPL_API void _MANTNEXP(int64_t x, int64_t *mantissa, int16_t *exponent);
+/* Saturate to 40 bits, split, pack. */
+RSMPL_API UTIL_EXP32 _MANTEXPO32(int64_t x);
+/* m * 2^e with e clamped to -31..31, saturated to int32. */
+RSMPL_API int32_t _EXP32TOINT32(UTIL_EXP32 x);
+RSMPL_API UTIL_EXP16 _EXP32TOEXP16(UTIL_EXP32 x);
+/* log10(x / 32768) in Q15; inputs <= 1 count as 1. */
+RSMPL_API int32_t _LOG10(int16_t x);
+
+/* 10^(dB/20) for dB in Q15, as EXP32 with a Q30 mantissa; clamps at +-90 dB. */
+RSMPL_API UTIL_EXP32 UTIL_dBToScaleExp32(int32_t dB);
+RSMPL_API UTIL_EXP32 UTILdBToScaleExp32(int32_t dB);
+/* 10^(dB/20) in Q22, saturated at 0x7FFFFFFF. */
+RSMPL_API int32_t UTIL_dBToScale(int32_t dB);
+RSMPL_API int32_t UTILdBToScale(int32_t dB);
+
+/* ---- Smoothers, block FIR, byte reordering -------------------------------
+ * Coefficients are Q15.
+ */
+RSMPL_API int16_t UTIL_Smooth(int16_t value, int16_t coef, int16_t target);
+RSMPL_API int16_t UTILSmooth(int16_t value, int16_t coef, int16_t target);
+RSMPL_API int32_t UTIL_Smooth32(int32_t value, int16_t coef, int32_t target);
+RSMPL_API int32_t UTILSmooth32(int32_t value, int16_t coef, int32_t target);
+RSMPL_API int16_t UTIL_SmoothAsym(int16_t value, int16_t rise, int16_t fall, int16_t target);
+RSMPL_API int16_t UTILSmoothAsym(int16_t value, int16_t rise, int16_t fall, int16_t target);
+RSMPL_API int32_t UTIL_SmoothAsym32(int32_t value, int16_t rise, int16_t fall, int32_t target);
+RSMPL_API int32_t UTILSmoothAsym32(int32_t value, int16_t rise, int16_t fall, int32_t target);
+
+/*
+ * Block FIR in place over `count` samples with `taps` Q15 coefficients
+ * (coefs[0] multiplies the current sample). history holds `taps` samples;
+ * scratch holds at least taps + count samples.
+ * Status: 0 ok; 1 a null pointer; 2 count or taps below 1 or not a multiple
+ * of 4; 3 negative shift.
+ */
+RSMPL_API int32_t UTIL_Fir3(int16_t *samples, int16_t count, int16_t *history,
+                            const int16_t *coefs, int16_t taps, int16_t shift,
+                            int16_t *scratch);
+RSMPL_API void UTILFir3(int16_t *samples, int16_t count, int16_t *history,
+                        const int16_t *coefs, int16_t taps, int16_t shift,
+                        int16_t *scratch);
+
+/*
+ * Byte reordering in groups of 4: mode bits 1..2 select output byte k = input
+ * byte k ^ s; bit 0 also reverses the bits of each byte. src == dst works in
+ * place. Status: 0 ok; 1 a null pointer or partially overlapping ranges.
+ */
+RSMPL_API int32_t UTIL_ReorderBitstream(const uint8_t *src, int16_t length, uint8_t mode, uint8_t *dst);
+RSMPL_API void UTILReorderBitstream(const uint8_t *src, int16_t length, uint8_t mode, uint8_t *dst);
+
+/* ---- Monotone cubic spline (PCHIP) ---------------------------------------
+ * UTIL_SplineFit: 1 a null pointer; 2 n or ne below 1; otherwise the result
+ * of spline_pchip_val: 0 ok, -1 fewer than 2 knots, -3 abscissae not strictly
+ * increasing, -4 no evaluation points, -10 allocation failed, -5 internal.
+ */
+RSMPL_API int UTIL_SplineFit(int n, const float *x, const float *f, int ne, const float *xe, float *fe);
+RSMPL_API int spline_pchip_val(int n, const float *x, const float *f, int ne, const float *xe, float *fe);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* RSMPL_UTIL_H */
