@@ -22,7 +22,7 @@ constexpr std::array<int16_t, 2 * Half> mirrored(const std::array<int16_t, Half>
 //
 //   table          L   Q    sum     sum|c|*32768   -3 dB      at out Nyquist  stopband >= 48 dB
 //   2To1          72   16   67420   4607574016     0.226 fs   -60 dB (fs/4)   59.4 dB from fs/4
-//   3To1          48   16   66026   3856596992     0.1545 fs  -9.3 dB (fs/6)  from 0.189 fs
+//   3To1          48   16   66026   3856596992     0.1545 fs  -9.3 dB (fs/6)  from 0.1892 fs
 //   4To1          64   17  132134   7665811456     0.1158 fs  -9.4 dB (fs/8)  from 0.142 fs
 //   6To1          96   17  132174   7642218496     0.0771 fs  -9.4 dB (fs/12) from 0.0946 fs
 //
