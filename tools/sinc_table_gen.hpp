@@ -24,8 +24,10 @@ constexpr float kCutoff = 0.88f;      // of the input Nyquist frequency
 constexpr float kBeta = 10.0f;
 
 // Modified Bessel function I0, the classic single-precision polynomial fits
-// (Abramowitz and Stegun 9.8.1 and 9.8.2); the prefactor exp(x)/sqrt(x) of the
-// large-argument form is taken in double and each factor rounded to float.
+// (Abramowitz and Stegun 9.8.1 and 9.8.2). In the large-argument form exp(x)
+// and sqrt(x) are taken in double and rounded to float; the polynomial is
+// divided by the root before the exponential scales it (this order is the one
+// that reproduces the reference entries, e.g. wing 129 - wing 128).
 inline float bessel_i0(float x) {
     const float ax = std::fabs(x);
     if (ax < 3.75f) {
@@ -40,7 +42,7 @@ inline float bessel_i0(float x) {
                        y * (-0.01647633f + y * 0.00392377f)))))));
     const float e = static_cast<float>(std::exp(static_cast<double>(ax)));
     const float r = static_cast<float>(std::sqrt(static_cast<double>(ax)));
-    return e / r * poly;
+    return e * (poly / r);
 }
 
 // Prototype value at entry i (0..kWingLast) as the float that is scaled to Q31.
