@@ -5,10 +5,12 @@
 // Fixed-point budget of one output:
 //   coefficient  Q31, interpolated from the wing in 64 bits
 //   tap          (c * (x >> s)) >> 16: Q30, |tap| < 2^30
-//   accumulator  32 bits with wrap-around (A); the headroom shift s keeps the
-//                sum of |taps| of one phase below 2^31 except for full-scale
-//                input patterns at ratios just above 1/2 and 1/4 (s = 0, 1),
-//                where the sum wraps as the 32-bit accumulator dictates
+//   accumulator  32 bits with wrap-around (A). With the headroom shift s
+//                the sum of |taps| of a phase stays below 2^31 at ratios 1
+//                and above and at 1/2, 1/4, 1/8, but not at every ratio
+//                between 0.2 and 0.883 (worst just above 1/2: 1.73 x 2^31):
+//                there a full-scale input aligned with the taps' signs
+//                wraps, as the 32-bit accumulator dictates.
 //   output       a = A >> 16 (Q14), y = round(a * G) in Q15, y << s, sat16
 //
 // Safety of the history region (1648 samples), whatever the ratios and block
