@@ -149,7 +149,9 @@ RSMPL_API void DownsampleFIR6To1(const int16_t *x, int16_t *out, int32_t count);
  *
  * History safety (the delay line is the context's 1648-sample region):
  *  - a block is filtered in two pieces when 2H + 1 + count exceeds 1648 (at
- *    H = 104 with count = 1440); the result is the same as one piece;
+ *    H = 104 with count = 1440), the first at the half-length in use; at
+ *    ratio 1/8 (the only admissible ratio with H = 104) the step is a whole
+ *    number of position units, so the result equals one piece exactly;
  *  - samples the block has not received read as zero: the right wing of the
  *    last outputs when the half-length shrinks, and an output whose position
  *    lies beyond a block shorter than one step;
