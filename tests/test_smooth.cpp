@@ -177,17 +177,4 @@ TEST(Smooth, AsymmetricAlwaysMovesTowardTarget) {
     }
 }
 
-TEST(Smooth, ForwardersEqualBodies) {
-    std::mt19937 rng(5);
-    for (int i = 0; i < 1000; ++i) {
-        const auto v = static_cast<int16_t>(rng()), t = static_cast<int16_t>(rng());
-        const auto c = static_cast<int16_t>(rng()), c2 = static_cast<int16_t>(rng());
-        const auto w = static_cast<int32_t>(rng()), u = static_cast<int32_t>(rng());
-        EXPECT_EQ(UTIL_Smooth(v, c, t), UTILSmooth(v, c, t));
-        EXPECT_EQ(UTIL_SmoothAsym(v, c, c2, t), UTILSmoothAsym(v, c, c2, t));
-        EXPECT_EQ(UTIL_Smooth32(w, c, u), UTILSmooth32(w, c, u));
-        EXPECT_EQ(UTIL_SmoothAsym32(w, c, c2, u), UTILSmoothAsym32(w, c, c2, u));
-    }
-}
-
 }  // namespace
