@@ -113,7 +113,12 @@ RSMPL_API void UpsampleFIR1To3(const int16_t *x, int16_t *out, int32_t count);
 RSMPL_API void UpsampleFIR1To4(const int16_t *x, int16_t *out, int32_t count);
 RSMPL_API void UpsampleFIR1To6(const int16_t *x, int16_t *out, int32_t count);
 
-/* ---- Down-stages: n inputs -> floor(n/M) outputs (2*floor(n/3) for 2:3). */
+/* ---- Down-stages: n inputs -> floor(n/M) outputs (2*floor(n/3) for 2:3).
+ * Wrapper: keeps the last H inputs at the start of the context's history
+ * (H = 14 for 2:3, 70 for /2, 45 for /3, 60 for /4, 90 for /6); in and out
+ * may be the same buffer. Kernel: x = H history samples then count new ones;
+ * output clamp((S + 2^(s-1)) >> s) with the exact sum S, s = 15 for 2:3,
+ * 16 for /2 and /3, 17 for /4 and /6; out may equal x or lie below it. */
 RSMPL_API void Downsample2_3(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n);
 RSMPL_API void Downsample1_2(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n);
 RSMPL_API void Downsample1_3(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n);

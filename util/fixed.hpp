@@ -2,6 +2,7 @@
 // in the names; nothing here can overflow or shift out of range.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 
 namespace rsmpl {
@@ -13,6 +14,13 @@ constexpr int16_t sat16(int64_t v) {
 constexpr int32_t sat32(int64_t v) {
     return static_cast<int32_t>(v > INT32_MAX ? INT32_MAX : (v < INT32_MIN ? INT32_MIN : v));
 }
+
+// Leading zero bits of a 32-bit word; 32 for 0.
+constexpr int clz32(uint32_t v) { return std::countl_zero(v); }
+
+// |v| as an unsigned number, exact also for the most negative value.
+constexpr uint32_t mag32(int32_t v) { return v < 0 ? 0u - static_cast<uint32_t>(v) : static_cast<uint32_t>(v); }
+constexpr uint64_t mag64(int64_t v) { return v < 0 ? 0u - static_cast<uint64_t>(v) : static_cast<uint64_t>(v); }
 
 // Exact 16x16 -> 32-bit product.
 constexpr int32_t mul16x16(int16_t a, int16_t b) { return int32_t{a} * int32_t{b}; }
