@@ -2,7 +2,6 @@
 // fixed-ratio stages and the sinc interpolator. Every check happens before
 // anything is written, so a rejected call leaves context and buffers as they were.
 #include <cstdint>
-#include <mutex>
 
 #include "rsmpl/context.hpp"
 #include "rsmpl/rsmpl.h"
@@ -60,17 +59,19 @@ uint32_t run_stage(const StageEntry (&table)[5], RSMPL_Ctx *ctx, const int16_t *
     return RSMPL_OK;
 }
 
-// The hooks have no work today; the once guard keeps concurrent first
-// initialisations race-free should they ever get some.
-std::once_flag g_coeff_once;
-
-void init_coefficients() {
-    InitRsmplCoeff_2_1();
-    InitRsmplCoeff_3_2();
-    InitRsmplCoeff_3_1();
-    InitRsmplCoeff_4_1();
-    InitRsmplCoeff_6_1();
-    RSMPLSincLPFInit();
+// The hooks have no work today. A function-local static is initialised once,
+// and concurrent first callers wait for it, should they ever get some.
+void init_coefficients_once() {
+    static const bool done = [] {
+        InitRsmplCoeff_2_1();
+        InitRsmplCoeff_3_2();
+        InitRsmplCoeff_3_1();
+        InitRsmplCoeff_4_1();
+        InitRsmplCoeff_6_1();
+        RSMPLSincLPFInit();
+        return true;
+    }();
+    (void)done;
 }
 
 }  // namespace
@@ -88,7 +89,7 @@ uint32_t RSMPL_GetContextSize(void) { return sizeof(RSMPL_Ctx); }
 uint32_t RSMPL_InitContext(RSMPL_Ctx *ctx) {
     if (ctx == nullptr) return RSMPL_ERR_NULL_CONTEXT;
     UTIL_Memset(ctx, 0, sizeof(RSMPL_Ctx));
-    std::call_once(g_coeff_once, init_coefficients);
+    init_coefficients_once();
     RSMPLSincReset(ctx);
     return RSMPL_OK;
 }
