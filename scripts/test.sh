@@ -19,3 +19,7 @@ ctest --test-dir build-asan --output-on-failure -j "$jobs"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DRSMPL_SANITIZE=thread -DRSMPL_BUILD_BENCH=OFF
 cmake --build build-tsan -j "$jobs" --target test_rsmpl_threads
 ./build-tsan/tests/test_rsmpl_threads
+
+# Fuzzing: every libFuzzer target for a bounded time (RSMPL_FUZZ_SECONDS
+# each, 45 by default), from its kept corpus and regressions.
+bash scripts/fuzz.sh
