@@ -7,6 +7,7 @@ pkgs=(
   cmake make g++ pkg-config binutils
   libgtest-dev libgmock-dev libbenchmark-dev
   libasound2-dev libsndfile1-dev
+  alsa-utils sox
   clang libclang-rt-14-dev valgrind  # fuzzing (libFuzzer) and leak checks
 )
 
