@@ -17,8 +17,17 @@ ctest --test-dir build-asan --output-on-failure -j "$jobs"
 
 # Contexts used from many threads at once, under ThreadSanitizer.
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DRSMPL_SANITIZE=thread -DRSMPL_BUILD_BENCH=OFF
-cmake --build build-tsan -j "$jobs" --target test_rsmpl_threads
+cmake --build build-tsan -j "$jobs" --target test_rsmpl_threads test_plugin_threads
 ./build-tsan/tests/test_rsmpl_threads
+# Module instances in many threads at once, inside alsa-lib.
+./build-tsan/tests/test_plugin_threads
+
+# The alsa-lib tests under valgrind's memcheck: no memory error, no block
+# definitely lost (alsa-lib's global configuration is released by the tests).
+for t in test_plugin_ops test_plugin_hostile test_plugin_leaks test_plugin_alsa; do
+  valgrind -q --leak-check=full --errors-for-leak-kinds=definite --error-exitcode=1 \
+    "./build/tests/$t" --gtest_brief=1
+done
 
 # Fuzzing: every libFuzzer target for a bounded time (RSMPL_FUZZ_SECONDS
 # each, 45 by default), from its kept corpus and regressions.
