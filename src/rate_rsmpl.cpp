@@ -277,10 +277,21 @@ static int pcm_rsmpl_adjust_pitch(void *obj, snd_pcm_rate_info_t *info)
 	const snd_pcm_uframes_t in = info->in.period_size;
 	const snd_pcm_uframes_t out = info->out.period_size;
 	snd_pcm_uframes_t count;
+	uint64_t start;
 
 	if (in == 0 || out == 0)
 		goto invalid;
-	rate->pitch = (uint32_t)div_u64((uint64_t)(in >> 1) + ((uint64_t)out << LINEAR_SHIFT), in);
+	/*
+	 * A ratio of 8192 or more does not fit the 32-bit pitch, and an output
+	 * period beyond 2^44 frames overflows the count: the search would start
+	 * from a wrapped value and step for billions of units towards a wrong one.
+	 */
+	if (out > (UINT64_MAX - (in >> 1)) >> LINEAR_SHIFT)
+		goto invalid;
+	start = div_u64((uint64_t)(in >> 1) + ((uint64_t)out << LINEAR_SHIFT), in);
+	if (start > UINT32_MAX)
+		goto invalid;
+	rate->pitch = (uint32_t)start;
 	count = pcm_rsmpl_input_frames(rate, out);
 	while (count != in) {
 		const snd_pcm_uframes_t prev = count;

@@ -1,0 +1,77 @@
+// Inputs the fuzzer found to hurt the module, kept as plain tests (the
+// failing fuzz inputs themselves are replayed from fuzz/regressions/module/).
+#include <alsa/asoundlib.h>
+#include <alsa/pcm_rate.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::vector<std::string> g_reports;
+
+void capture(const char *, int, const char *, int, const char *fmt, ...) {
+    char text[256];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(text, sizeof(text), fmt, ap);
+    va_end(ap);
+    g_reports.emplace_back(text);
+}
+
+class Hostile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        handle_ = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(handle_, nullptr) << dlerror();
+        auto open = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle_, "_snd_pcm_rate_rsmplrate_open"));
+        ASSERT_NE(open, nullptr);
+        ASSERT_EQ(open(0x010002, &obj_, &ops_), 0);
+        snd_lib_error_set_handler(capture);
+        g_reports.clear();
+    }
+    void TearDown() override {
+        snd_lib_error_set_handler(nullptr);
+        if (obj_ != nullptr) ops_.close(obj_);
+        if (handle_ != nullptr) dlclose(handle_);
+    }
+    int adjust(snd_pcm_uframes_t in, snd_pcm_uframes_t out) {
+        snd_pcm_rate_info_t info{};
+        info.in.period_size = in;
+        info.out.period_size = out;
+        return ops_.adjust_pitch(obj_, &info);
+    }
+
+    void *handle_ = nullptr;
+    void *obj_ = nullptr;
+    snd_pcm_rate_ops_t ops_{};
+};
+
+// Periods 1 -> 10000 (a ratio the Q19 pitch cannot hold) used to start the
+// search from a wrapped pitch, step about 2.5e9 times, and then report
+// success with a pitch of ratio 6667: output_frames(1) said 6667, not 10000.
+TEST_F(Hostile, PeriodRatioBeyondThePitchRangeIsRefusedAtOnce) {
+    EXPECT_EQ(adjust(1, 10000), -EIO);
+    ASSERT_EQ(g_reports.size(), 1u);
+    EXPECT_EQ(g_reports[0], "invalid pcm period_size 1 -> 10000");
+    EXPECT_EQ(adjust(3, 100000), -EIO);
+    // An output period whose count would overflow 64 bits.
+    EXPECT_EQ(adjust(441, snd_pcm_uframes_t{1} << 50), -EIO);
+    EXPECT_EQ(adjust(snd_pcm_uframes_t{1} << 62, ~snd_pcm_uframes_t{0}), -EIO);
+    EXPECT_EQ(g_reports.size(), 4u);
+}
+
+// The largest ratio that fits is still met exactly.
+TEST_F(Hostile, LargestRatioThatFitsIsStillMet) {
+    EXPECT_EQ(adjust(1, 8191), 0);
+    EXPECT_EQ(ops_.input_frames(obj_, 8191), 1u);
+    EXPECT_EQ(ops_.output_frames(obj_, 1), 8191u);
+    EXPECT_TRUE(g_reports.empty());
+}
+
+}  // namespace
