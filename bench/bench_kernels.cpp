@@ -5,8 +5,9 @@
 // Counters, all per output sample (mono):
 //   items_per_second  mono output samples per second of CPU time
 //   ns/out            nanoseconds of CPU time per output sample
-//   cyc/out           time-stamp counter ticks per output sample (wall time;
-//                     see CycleSourceName: reference ticks, not core cycles)
+//   ticks/out         time-stamp counter ticks per output sample, the median
+//                     of short batches of calls (see CycleSourceName and
+//                     TickBatches: reference ticks, not core cycles)
 //   MAC/out           (kernels) 16x16-bit multiply-accumulates per output
 //
 // The Calib/* runs measure, in the same tick unit, what this machine's vector
@@ -101,26 +102,68 @@ struct alignas(16) Context {
     RSMPL_Ctx *get() { return reinterpret_cast<RSMPL_Ctx *>(bytes); }
 };
 
+// Tick counts of short batches of iterations. On a shared machine the wall
+// time of a long run includes whatever else ran on the core; a batch of a
+// microsecond or two rarely does, so the median batch shows the undisturbed
+// cost in ticks.
+class TickBatches {
+public:
+    explicit TickBatches(int64_t every) : every_(std::max<int64_t>(1, every)) { deltas_.reserve(1 << 16); }
+    void Start() { last_ = ReadTicks(); }
+    void Step() {
+        if (++n_ < every_) return;
+        n_ = 0;
+        const uint64_t now = ReadTicks();
+        deltas_.push_back(now - last_);
+        last_ = now;
+    }
+    // Median ticks per iteration; 0 when no batch completed.
+    double PerIteration() {
+        if (deltas_.empty()) return 0;
+        auto mid = deltas_.begin() + static_cast<std::ptrdiff_t>(deltas_.size() / 2);
+        std::nth_element(deltas_.begin(), mid, deltas_.end());
+        return static_cast<double>(*mid) / static_cast<double>(every_);
+    }
+
+private:
+    int64_t every_;
+    int64_t n_ = 0;
+    uint64_t last_ = 0;
+    std::vector<uint64_t> deltas_;
+};
+
+// Iterations per batch so that a batch lasts about 4000 ticks.
+template <typename Call>
+int64_t BatchSize(Call &call) {
+    call();
+    const uint64_t t0 = ReadTicks();
+    for (int i = 0; i < 8; ++i) call();
+    const uint64_t per_call = std::max<uint64_t>(1, (ReadTicks() - t0) / 8);
+    return static_cast<int64_t>(std::max<uint64_t>(1, 4000 / per_call));
+}
+
 // Runs `call` (which returns the outputs it produced) in the timed loop and
 // sets the per-output counters.
 template <typename Call>
 void Measure(benchmark::State &state, Call call, double macs_per_output = 0) {
     uint64_t outputs = 0;
-    const uint64_t t0 = ReadTicks();
+    TickBatches ticks(BatchSize(call));
+    ticks.Start();
     for (auto _ : state) {
         outputs += call();
         benchmark::ClobberMemory();
+        ticks.Step();
     }
-    const uint64_t t1 = ReadTicks();
     if (outputs == 0) {
         state.SkipWithError("no output produced");
         return;
     }
     const double out = static_cast<double>(outputs);
+    const double per_call = out / static_cast<double>(state.iterations());
     state.SetItemsProcessed(static_cast<int64_t>(outputs));
     state.counters["ns/out"] = benchmark::Counter(out / 1e9, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-    state.counters["cyc/out"] = static_cast<double>(t1 - t0) / out;
-    state.counters["out/call"] = out / static_cast<double>(state.iterations());
+    state.counters["ticks/out"] = ticks.PerIteration() / per_call;
+    state.counters["out/call"] = per_call;
     if (macs_per_output > 0) state.counters["MAC/out"] = macs_per_output;
 }
 
@@ -366,21 +409,22 @@ void RegisterPlugin() {
 // adds per tick is the core clock over the tick rate.
 void CalibDependentAdd(benchmark::State &state) {
     uint64_t x = 0;
-    constexpr uint64_t kAdds = 1000;
-    const uint64_t t0 = ReadTicks();
+    constexpr uint64_t kAdds = 4000;
+    TickBatches ticks(1);
+    ticks.Start();
     for (auto _ : state) {
 #if defined(__x86_64__)
-        asm volatile(".rept 1000\n\taddq $1, %0\n\t.endr" : "+r"(x));
+        asm volatile(".rept 4000\n\taddq $1, %0\n\t.endr" : "+r"(x));
 #elif defined(__aarch64__)
-        asm volatile(".rept 1000\n\tadd %0, %0, #1\n\t.endr" : "+r"(x));
+        asm volatile(".rept 4000\n\tadd %0, %0, #1\n\t.endr" : "+r"(x));
 #else
         for (uint64_t i = 0; i < kAdds; ++i) benchmark::DoNotOptimize(x += 1);
 #endif
+        ticks.Step();
     }
-    const uint64_t t1 = ReadTicks();
-    const double adds = static_cast<double>(state.iterations()) * kAdds;
-    state.counters["cycles/tick"] = adds / static_cast<double>(t1 - t0);
-    state.counters["core_GHz"] = benchmark::Counter(adds / 1e9, benchmark::Counter::kIsRate);
+    const double cycles_per_tick = kAdds / ticks.PerIteration();
+    state.counters["cycles/tick"] = cycles_per_tick;
+    state.counters["core_GHz"] = cycles_per_tick * TicksPerSecond() / 1e9;
 }
 
 #if defined(__x86_64__)
@@ -389,13 +433,16 @@ void CalibDependentAdd(benchmark::State &state) {
 // makes the compiler treat the multiplicands as new every step, so nothing is
 // hoisted or shared. MACs per tick = 16-bit products per tick. A macro, not a
 // template, because each body must be compiled for its own instruction set.
-#define RSMPL_PEAK_LOOP(V, LANES16, SEED, STEP)                                                       \
-    V a0 = SEED, a1 = SEED, a2 = SEED, a3 = SEED, a4 = SEED, a5 = SEED, b = SEED;                    \
-    V c0 = SEED, c1 = SEED, c2 = SEED, c3 = SEED, c4 = SEED, c5 = SEED;                              \
-    constexpr int kInner = 256;                                                                     \
-    const uint64_t t0 = ReadTicks();                                                                \
-    for (auto _ : state) {                                                                          \
-        for (int i = 0; i < kInner; ++i) {                                                          \
+// The chains live in a function of their own, compiled for its instruction
+// set, so that nothing in the loop calls out and every accumulator stays in a
+// register. Accumulators cross the call through memory, so the callers need
+// no vector instruction set of their own.
+#define RSMPL_CHAINS(NAME, ATTR, V, SEED, STEP)                                                      \
+    ATTR __attribute__((noinline)) void Chains##NAME(void *acc_bytes, int n) {                      \
+        V *acc = static_cast<V *>(acc_bytes);                                                       \
+        V a0 = SEED, a1 = SEED, a2 = SEED, a3 = SEED, a4 = SEED, a5 = SEED, b = SEED;              \
+        V c0 = acc[0], c1 = acc[1], c2 = acc[2], c3 = acc[3], c4 = acc[4], c5 = acc[5];            \
+        for (int i = 0; i < n; ++i) {                                                               \
             asm volatile("" : "+x"(a0), "+x"(a1), "+x"(a2), "+x"(a3), "+x"(a4), "+x"(a5), "+x"(b)); \
             c0 = STEP(c0, a0, b);                                                                   \
             c1 = STEP(c1, a1, b);                                                                   \
@@ -404,32 +451,38 @@ void CalibDependentAdd(benchmark::State &state) {
             c4 = STEP(c4, a4, b);                                                                   \
             c5 = STEP(c5, a5, b);                                                                   \
         }                                                                                           \
-    }                                                                                               \
-    const uint64_t t1 = ReadTicks();                                                                \
-    asm volatile("" : : "x"(c0), "x"(c1), "x"(c2), "x"(c3), "x"(c4), "x"(c5));                      \
-    const double macs = static_cast<double>(state.iterations()) * kInner * 6 * (LANES16);          \
-    state.counters["MAC/tick"] = macs / static_cast<double>(t1 - t0)
+        acc[0] = c0, acc[1] = c1, acc[2] = c2, acc[3] = c3, acc[4] = c4, acc[5] = c5;              \
+    }
 
 #define RSMPL_MADD128(c, a, b) _mm_add_epi32(c, _mm_madd_epi16(a, b))
 #define RSMPL_MADD256(c, a, b) _mm256_add_epi32(c, _mm256_madd_epi16(a, b))
 #define RSMPL_MADD512(c, a, b) _mm512_add_epi32(c, _mm512_madd_epi16(a, b))
 #define RSMPL_DPWSSD512(c, a, b) _mm512_dpwssd_epi32(c, a, b)
 
-__attribute__((target("sse2"))) void CalibPmaddwd128(benchmark::State &state) {
-    RSMPL_PEAK_LOOP(__m128i, 8, _mm_set1_epi16(3), RSMPL_MADD128);
+RSMPL_CHAINS(128, __attribute__((target("sse2"))), __m128i, _mm_set1_epi16(3), RSMPL_MADD128)
+RSMPL_CHAINS(256, __attribute__((target("avx2"))), __m256i, _mm256_set1_epi16(3), RSMPL_MADD256)
+RSMPL_CHAINS(512, __attribute__((target("avx512f,avx512bw"))), __m512i, _mm512_set1_epi16(3), RSMPL_MADD512)
+RSMPL_CHAINS(Vnni, __attribute__((target("avx512f,avx512bw,avx512vnni"))), __m512i, _mm512_set1_epi16(3),
+             RSMPL_DPWSSD512)
+
+// MACs per tick of one chain function: six chains of `lanes16` products.
+void PeakLoop(benchmark::State &state, void (*chains)(void *, int), int lanes16) {
+    alignas(64) unsigned char acc[6 * 64] = {};
+    constexpr int kInner = 1024;
+    TickBatches ticks(1);
+    ticks.Start();
+    for (auto _ : state) {
+        chains(acc, kInner);
+        ticks.Step();
+    }
+    benchmark::DoNotOptimize(acc);
+    state.counters["MAC/tick"] = kInner * 6.0 * lanes16 / ticks.PerIteration();
 }
 
-__attribute__((target("avx2"))) void CalibPmaddwd256(benchmark::State &state) {
-    RSMPL_PEAK_LOOP(__m256i, 16, _mm256_set1_epi16(3), RSMPL_MADD256);
-}
-
-__attribute__((target("avx512f,avx512bw"))) void CalibPmaddwd512(benchmark::State &state) {
-    RSMPL_PEAK_LOOP(__m512i, 32, _mm512_set1_epi16(3), RSMPL_MADD512);
-}
-
-__attribute__((target("avx512f,avx512bw,avx512vnni"))) void CalibDpwssd512(benchmark::State &state) {
-    RSMPL_PEAK_LOOP(__m512i, 32, _mm512_set1_epi16(3), RSMPL_DPWSSD512);
-}
+void CalibPmaddwd128(benchmark::State &state) { PeakLoop(state, Chains128, 8); }
+void CalibPmaddwd256(benchmark::State &state) { PeakLoop(state, Chains256, 16); }
+void CalibPmaddwd512(benchmark::State &state) { PeakLoop(state, Chains512, 32); }
+void CalibDpwssd512(benchmark::State &state) { PeakLoop(state, ChainsVnni, 32); }
 
 // Runs a calibration only where the processor has its instructions.
 template <void (*Fn)(benchmark::State &)>
@@ -445,18 +498,18 @@ void IfSupported(benchmark::State &state, bool supported, const char *missing) {
 #endif
 
 void RegisterCalibration() {
-    benchmark::RegisterBenchmark("Calib/dependent_add", CalibDependentAdd)->UseRealTime();
+    benchmark::RegisterBenchmark("Calib/dependent_add", CalibDependentAdd);
 #if defined(__x86_64__)
-    benchmark::RegisterBenchmark("Calib/pmaddwd_128", CalibPmaddwd128)->UseRealTime();
+    benchmark::RegisterBenchmark("Calib/pmaddwd_128", CalibPmaddwd128);
     benchmark::RegisterBenchmark("Calib/pmaddwd_256", [](benchmark::State &state) {
         IfSupported<CalibPmaddwd256>(state, __builtin_cpu_supports("avx2"), "no AVX2");
-    })->UseRealTime();
+    });
     benchmark::RegisterBenchmark("Calib/pmaddwd_512", [](benchmark::State &state) {
         IfSupported<CalibPmaddwd512>(state, __builtin_cpu_supports("avx512bw"), "no AVX-512BW");
-    })->UseRealTime();
+    });
     benchmark::RegisterBenchmark("Calib/vpdpwssd_512", [](benchmark::State &state) {
         IfSupported<CalibDpwssd512>(state, __builtin_cpu_supports("avx512vnni"), "no AVX-512 VNNI");
-    })->UseRealTime();
+    });
 #endif
 }
 
@@ -517,6 +570,32 @@ void SplitName(const std::string &name, std::string *group, std::string *functio
     *group = name.substr(0, a);
     *function = name.substr(a + 1, b - a - 1);
     *rest = b == std::string::npos ? "" : name.substr(b + 1);
+}
+
+// "ratio:3/odd:37" -> "ratio 3, odd, n = 37"; a clamped length says so:
+// "1440:480" -> "1440, n = 480 (largest accepted)".
+std::string CaseText(const std::string &rest) {
+    std::string text;
+    for (size_t pos = 0; pos < rest.size();) {
+        const size_t slash = std::min(rest.find('/', pos), rest.size());
+        const std::string part = rest.substr(pos, slash - pos);
+        pos = slash + 1;
+        const size_t colon = part.find(':');
+        if (!text.empty()) text += ", ";
+        if (colon == std::string::npos) {
+            text += part;
+            continue;
+        }
+        const std::string key = part.substr(0, colon), value = part.substr(colon + 1);
+        if (key == "ratio") {
+            text += "ratio " + value;
+        } else {
+            text += key + ", n = " + value;
+            if ((key == "480" || key == "1440") && key != value)
+                text += std::stoi(value) < std::stoi(key) ? " (largest accepted)" : "";
+        }
+    }
+    return text;
 }
 
 void WriteMarkdown(const CollectingReporter &rep, FILE *f) {
@@ -597,15 +676,14 @@ void WriteMarkdown(const CollectingReporter &rep, FILE *f) {
                 std::fprintf(f, "\n|---|---|---:|---:|---:|---:|%s\n", kernel ? "---:|---:|---:|" : "");
                 header = true;
             }
-            std::string rest_text = rest;
-            std::replace(rest_text.begin(), rest_text.end(), '/', ' ');
+            std::string rest_text = CaseText(rest);
             if (!r->label.empty()) rest_text += " (" + r->label + ")";
             std::fprintf(f, "| %s | %s |", function.c_str(), rest_text.c_str());
             if (!r->error.empty()) {
                 std::fprintf(f, " not measured: %s |||%s\n", r->error.c_str(), kernel ? "|||" : "");
                 continue;
             }
-            const double ticks = counter(r, "cyc/out");
+            const double ticks = counter(r, "ticks/out");
             std::fprintf(f, " %s | %s | %s | %s |", F("%.1f", counter(r, "out/call")).c_str(),
                          F("%.1f", r->items_per_second / 1e6).c_str(), F("%.2f", counter(r, "ns/out")).c_str(),
                          F("%.1f", ticks).c_str());
