@@ -130,7 +130,41 @@ RSMPL_API void DownsampleFIR3To1(const int16_t *x, int16_t *out, int32_t count);
 RSMPL_API void DownsampleFIR4To1(const int16_t *x, int16_t *out, int32_t count);
 RSMPL_API void DownsampleFIR6To1(const int16_t *x, int16_t *out, int32_t count);
 
-/* ---- Sinc interpolator (no argument checks; see RSMPL_* above). */
+/* ---- Sinc interpolator (no argument checks; see RSMPL_* above).
+ *
+ * Kaiser-windowed sinc (beta 10, cut-off 0.88 of the lower Nyquist frequency),
+ * 2H+1 taps per output: H = 13 for ratios >= 1, trunc(13 / ratio) below.
+ * Steps and gains are Q24, positions Q16. At ratio 1 and position 0 output n
+ * is centred on input n - 14.
+ *
+ * RSMPLSetResampleRatio only sets targets: the next block still runs at the
+ * ratio, step and half-length in use, and the new values take effect after
+ * it. RSMPLSetFracDelay restarts with ratio 1 and a start position of delay
+ * input samples (Q16). RSMPLGetNumInSamples gives the count that makes the
+ * next block yield exactly `outputs` samples at ratios <= 1 (at most that
+ * many above 1).
+ *
+ * RSMPLSincInterpolate(ctx, in, out, count): 1 <= count <= 1440 and
+ * count > targetHalfLength - halfLength. Output room: the block consumes
+ * L = count - (targetHalfLength - halfLength) input positions at the ratio r
+ * IN USE (not one set since the last block), so out must hold
+ * floor(L * r) + 2 samples; 1440 * 8 + 2 always suffices. Example: after
+ * ratio 8 then 0.125, a 200-sample block yields 872 outputs. At least one
+ * output is always written.
+ *
+ * History safety (the delay line is the context's 1648-sample region):
+ *  - a block is filtered in two pieces when 2H + 1 + count exceeds 1648 (at
+ *    H = 104 with count = 1440), the first at the half-length in use; at
+ *    ratio 1/8 (the only admissible ratio with H = 104) the step is a whole
+ *    number of position units, so the result equals one piece exactly;
+ *  - samples the block has not received read as zero: the right wing of the
+ *    last outputs when the half-length shrinks, and an output whose position
+ *    lies beyond a block shorter than one step;
+ *  - when the half-length grows by more than the block fills, the oldest
+ *    samples of the new history are zero;
+ *  - the carried position is capped at 1648 input samples, so a run of
+ *    blocks shorter than one step cannot make it wrap.
+ * Nothing outside the history region and the ten parameters is touched. */
 RSMPL_API void RSMPLSincLPFInit(void);
 RSMPL_API void RSMPLSincReset(RSMPL_Ctx *ctx);
 RSMPL_API void RSMPLSetResampleRatio(RSMPL_Ctx *ctx, uint32_t *minInput, uint32_t *maxInput,

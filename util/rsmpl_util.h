@@ -115,7 +115,17 @@ RSMPL_API int32_t UTIL_dBToScale(int32_t dB);
 RSMPL_API int32_t UTILdBToScale(int32_t dB);
 
 /* ---- Smoothers, block FIR, byte reordering -------------------------------
- * Coefficients are Q15.
+ * Coefficients are Q15 (0x7FFF = 1 - 2^-15).
+ *
+ * Smoothers move value toward target by coef * (target - value):
+ *   16-bit: value + ((2 * coef * d + 0x8000) >> 16)   (rounded half up)
+ *   32-bit: value + ((coef * d) >> 15)                (floored)
+ * The asymmetric forms use rise when target > value and fall when below, add
+ * one unit in the target's direction, and return value when equal.
+ * d is the exact difference (never wrapped) and the result is saturated to
+ * the value's width: values of opposite sign near full scale approach each
+ * other through zero, and a step past a full-scale target stops there. With a
+ * coefficient in 0..0x7FFF the symmetric result lies between value and target.
  */
 RSMPL_API int16_t UTIL_Smooth(int16_t value, int16_t coef, int16_t target);
 RSMPL_API int16_t UTILSmooth(int16_t value, int16_t coef, int16_t target);
@@ -128,10 +138,14 @@ RSMPL_API int32_t UTILSmoothAsym32(int32_t value, int16_t rise, int16_t fall, in
 
 /*
  * Block FIR in place over `count` samples with `taps` Q15 coefficients
- * (coefs[0] multiplies the current sample). history holds `taps` samples;
- * scratch holds at least taps + count samples.
+ * (coefs[0] multiplies the current sample). history holds `taps` samples, the
+ * newest last, and receives the newest `taps` samples for the next block;
+ * scratch holds at least taps + count samples. Output: the exact sum of
+ * products times 2^(shift + 1), plus 0x8000, >> 16, saturated to 16 bits
+ * (any shift >= 0; nonzero sums saturate once the gain is large enough).
  * Status: 0 ok; 1 a null pointer; 2 count or taps below 1 or not a multiple
- * of 4; 3 negative shift.
+ * of 4; 3 negative shift (checked in this order). Rejected calls touch nothing.
+ * The body clears the samples when taps < 1 and treats a negative shift as 0.
  */
 RSMPL_API int32_t UTIL_Fir3(int16_t *samples, int16_t count, int16_t *history,
                             const int16_t *coefs, int16_t taps, int16_t shift,
@@ -142,16 +156,24 @@ RSMPL_API void UTILFir3(int16_t *samples, int16_t count, int16_t *history,
 
 /*
  * Byte reordering in groups of 4: mode bits 1..2 select output byte k = input
- * byte k ^ s; bit 0 also reverses the bits of each byte. src == dst works in
- * place. Status: 0 ok; 1 a null pointer or partially overlapping ranges.
+ * byte k ^ s; bit 0 also reverses the bits of each byte; other bits are
+ * ignored. In a final group shorter than 4 bytes, a byte whose partner k ^ s
+ * lies past the end keeps its place: nothing is read past src + length and
+ * every mode is its own inverse. src == dst works in place; length < 1 does
+ * nothing. Status: 0 ok; 1 a null pointer or partially overlapping ranges.
  */
 RSMPL_API int32_t UTIL_ReorderBitstream(const uint8_t *src, int16_t length, uint8_t mode, uint8_t *dst);
 RSMPL_API void UTILReorderBitstream(const uint8_t *src, int16_t length, uint8_t mode, uint8_t *dst);
 
 /* ---- Monotone cubic spline (PCHIP) ---------------------------------------
+ * Evaluates at xe[0..ne-1] (any order) the shape-preserving cubic through the
+ * n knots (x strictly increasing, f) into fe[0..ne-1]; points outside the
+ * knots use the end cubics. Single precision; one malloc of n floats per call.
  * UTIL_SplineFit: 1 a null pointer; 2 n or ne below 1; otherwise the result
  * of spline_pchip_val: 0 ok, -1 fewer than 2 knots, -3 abscissae not strictly
- * increasing, -4 no evaluation points, -10 allocation failed, -5 internal.
+ * increasing (NaN included), -4 no evaluation points, -10 allocation failed,
+ * -5 internal. Checks run in that order; argument and allocation errors
+ * leave fe untouched.
  */
 RSMPL_API int UTIL_SplineFit(int n, const float *x, const float *f, int ne, const float *xe, float *fe);
 RSMPL_API int spline_pchip_val(int n, const float *x, const float *f, int ne, const float *xe, float *fe);

@@ -1,0 +1,47 @@
+// Internals of the sinc interpolator, shared with tests and tools.
+#pragma once
+
+#include <cstdint>
+
+namespace rsmpl {
+
+constexpr int kSincWingLength = 1792;   // 14 input samples of 128 entries; 1664.. are zero
+constexpr int kSincHeadroomLength = 256;
+constexpr int32_t kSincBaseHalfLength = 13;
+constexpr uint32_t kSincMaxBlock = 1440;
+// Debt a run of too-short blocks may pile up in `position` (Q16): enough for
+// any admissible stream, small enough that positions never wrap.
+constexpr uint32_t kSincMaxPosition = uint32_t{1648} << 16;
+
+extern const int32_t sincWing[kSincWingLength];       // Q31 prototype wing
+extern const int32_t sincWingDelta[kSincWingLength];  // Q31, entry i+1 minus entry i
+extern const int16_t headroomShift[kSincHeadroomLength];
+
+// Q31 coefficient at table position t (Q16 entries), interpolated linearly
+// between two entries; past the table it is the zero tail.
+inline int32_t sinc_coefficient(uint32_t t) {
+    const uint32_t j = t >> 16;
+    if (j >= static_cast<uint32_t>(kSincWingLength)) return 0;
+    uint32_t g = t & 0xFFFFu;
+    g += g >> 15;  // 0xFFFF counts as one whole entry
+    return sincWing[j] + static_cast<int32_t>((int64_t{sincWingDelta[j]} * g) >> 16);
+}
+
+// Input positions (Q16) advanced by n outputs at step S (Q24): S * n / 256
+// rounded, with n taken to 16 bits; 32-bit wrap-around as in the kernel.
+inline uint32_t sinc_advance(uint32_t step, uint32_t n) {
+    const uint32_t m = n & 0xFFFFu;
+    return ((step >> 16) << 8) * m + (((step & 0xFFFFu) * m + 128u) >> 8);
+}
+
+// One output's filter sum, the reference scalar form. x[c] is the centre
+// sample; the left wing covers x[c - k] for k = kLeftFirst..kLeftLast (k = 0 is
+// the centre) at table positions t0 + k*T, the right wing x[c + k] for
+// k = 1..kRightLast at k*T - t0. Samples are pre-shifted right by `shift` and
+// each Q31 x Q15 product is taken to Q30 (>> 16, floor). The sum is 32-bit
+// with wrap-around, returned as its bit pattern. A vector kernel replaces
+// exactly this function.
+uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast,
+                                int32_t kRightLast, uint32_t t0, uint32_t tableStep, int shift);
+
+}  // namespace rsmpl
