@@ -79,17 +79,20 @@ and block sizes with each other, they do not predict the device's.
   rest with silence. It is the price of the plumbing that no converter avoids.
 - **Ratios**: the peer's CPU time over ours, computed per round (both measured
   in the same round) and then summarised; above 1 means ours is cheaper.
-- Peers run at their default quality: \`speexrate\` is speexdsp at quality 3,
-  \`samplerate\` is libsamplerate's \`SRC_SINC_FASTEST\`, \`lavrate\` is
-  libswresample's default, \`linear\` is alsa-lib's built-in linear
-  interpolator. They are not equal in quality; ours runs the FIR stages for
+- Peers run under their plain names, as documented by libasound2-plugins:
+  \`speexrate\` is the speexdsp resampler at quality 3, \`samplerate\` is
+  libsamplerate's \`SRC_SINC_FASTEST\`, \`lavrate\` is libswresample with
+  filter length 16; \`linear\` is alsa-lib's built-in linear interpolator. They are not equal in quality; ours runs the FIR stages for
   ratios 2, 3 and 6 and linear interpolation otherwise (the path each pair took
   is printed from \`snd_pcm_dump\`).
 - **Kernel tables**: per mono output sample. *M samples/s* and *ns/out* come
-  from CPU time; *ticks/out* from the time-stamp counter over wall time, so a
-  preempted run shows more ticks than its CPU time implies. Ticks are
-  constant-rate reference ticks, not core cycles: the calibration line gives
-  the factor between them as measured during the run.
+  from CPU time; *ticks/out* from the time-stamp counter (\`rdtsc\`), as the
+  median of batches of about 4000 ticks, so that preemption by other jobs on
+  this shared machine mostly drops out. Ticks are constant-rate reference
+  ticks, not core cycles: the calibration line under the kernel heading gives
+  the factor between them, measured during the run with a chain of dependent
+  adds. (The processor's cycle counter is not available in this virtual
+  machine.)
 - Block lengths are input samples per call (input frames for the plug-in):
   *min* is 1 or the smallest block the function accepts, *odd* is 37 input
   groups (37 samples for up-stages and kernels; 37 allowed steps for the
