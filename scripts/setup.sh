@@ -7,6 +7,7 @@ pkgs=(
   cmake make g++ pkg-config binutils
   libgtest-dev libgmock-dev libbenchmark-dev
   libasound2-dev libasound2-plugins libsndfile1-dev
+  alsa-utils sox
 )
 
 missing=()
