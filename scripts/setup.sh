@@ -6,7 +6,7 @@ set -euo pipefail
 pkgs=(
   cmake make g++ pkg-config binutils
   libgtest-dev libgmock-dev libbenchmark-dev
-  libasound2-dev libsndfile1-dev
+  libasound2-dev libasound2-plugins libsndfile1-dev
   alsa-utils sox
   clang libclang-rt-14-dev valgrind  # fuzzing (libFuzzer) and leak checks
 )
