@@ -4,11 +4,11 @@
 # and every input that ever failed. New inputs go to a scratch directory, not
 # into the repository; a failing input is left in build-fuzz/artifacts/<name>/
 # and belongs in fuzz/regressions/<name>/ once understood.
-#   RSMPL_FUZZ_SECONDS  time per target (default 45)
+#   RSMPL_FUZZ_SECONDS  time per target (default 40)
 #   RSMPL_FUZZ_TARGETS  names to run (default: all)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-seconds=${RSMPL_FUZZ_SECONDS:-45}
+seconds=${RSMPL_FUZZ_SECONDS:-40}
 
 cmake -S . -B build-fuzz -DRSMPL_FUZZ=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DRSMPL_BUILD_BENCH=OFF >/dev/null

@@ -30,5 +30,5 @@ for t in test_plugin_ops test_plugin_hostile test_plugin_leaks test_plugin_alsa;
 done
 
 # Fuzzing: every libFuzzer target for a bounded time (RSMPL_FUZZ_SECONDS
-# each, 45 by default), from its kept corpus and regressions.
+# each, 40 by default), from its kept corpus and regressions.
 bash scripts/fuzz.sh
