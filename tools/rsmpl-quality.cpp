@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "rsmpl/rsmpl.h"
+#include "tools/quality_analysis.hpp"
 
 #ifndef RSMPL_MODULE_PATH
 #error "RSMPL_MODULE_PATH must name the built alsa-lib module"
@@ -47,9 +48,11 @@
 
 namespace {
 
+using quality::amplitude_at;
+using quality::kPi;
+using quality::window;
 using Samples = std::vector<int16_t>;
 namespace fs = std::filesystem;
-constexpr double kPi = std::numbers::pi;
 
 // ---- Sizes -------------------------------------------------------------------
 
@@ -372,35 +375,6 @@ std::vector<Path> all_paths() {
 }
 
 // ---- Analysis --------------------------------------------------------------------
-
-// 7-term Blackman-Harris window: side lobes below -180 dB, main lobe +-7 bins.
-std::vector<double> window(size_t n) {
-    static constexpr double a[] = {0.27105140069342, 0.43329793923448, 0.21812299954311, 0.06592544638803,
-                                   0.01081174209837, 0.00077658482522, 0.00001388721735};
-    std::vector<double> w(n);
-    for (size_t i = 0; i < n; ++i) {
-        double v = 0;
-        for (int k = 0; k < 7; ++k) v += (k % 2 ? -a[k] : a[k]) * std::cos(2 * kPi * k * double(i) / double(n));
-        w[i] = v;
-    }
-    return w;
-}
-
-// Amplitude (1.0 = full scale) of the component at frequency f (Hz) of
-// y[start, start + w.size()), from the windowed transform at exactly f.
-double amplitude_at(const Samples &y, size_t start, const std::vector<double> &w, double f, double rate) {
-    const std::complex<double> rot = std::polar(1.0, -2 * kPi * f / rate);
-    std::complex<double> z = 1.0, acc = 0.0;
-    double wsum = 0;
-    for (size_t i = 0; i < w.size(); ++i) {
-        const double v = start + i < y.size() ? y[start + i] : 0.0;
-        acc += w[i] * v * z;
-        wsum += w[i];
-        z *= rot;
-        if ((i & 255) == 255) z /= std::abs(z);
-    }
-    return 2 * std::abs(acc) / wsum / 32768.0;
-}
 
 void fft(std::vector<std::complex<double>> &a) {
     const size_t n = a.size();
