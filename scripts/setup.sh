@@ -7,6 +7,7 @@ pkgs=(
   cmake make g++ pkg-config binutils
   libgtest-dev libgmock-dev libbenchmark-dev
   libasound2-dev libsndfile1-dev
+  alsa-utils sox
   libasound2-plugins python3-numpy python3-matplotlib
 )
 
