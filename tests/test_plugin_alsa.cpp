@@ -69,11 +69,7 @@ Stream play(unsigned in_rate, unsigned out_rate, unsigned channels, const std::v
                   " rate %u format S16_LE } }",
                   fd, out_rate);
     snd_config_t *conf = nullptr;
-    snd_input_t *input = nullptr;
-    EXPECT_EQ(snd_config_top(&conf), 0);
-    EXPECT_EQ(snd_input_buffer_open(&input, text, -1), 0);
-    EXPECT_EQ(snd_config_load(conf, input), 0);
-    snd_input_close(input);
+    EXPECT_EQ(snd_config_load_string(&conf, text, 0), 0);
 
     snd_pcm_t *pcm = nullptr;
     int err = snd_pcm_open_lconf(&pcm, "test", SND_PCM_STREAM_PLAYBACK, 0, conf);

@@ -39,6 +39,14 @@ struct StateView {
 struct Report { std::string file; int line; std::string function; int err; std::string message; };
 std::vector<Report> g_reports;
 
+void expect_report(const Report &r, const char *function, const char *message) {
+    EXPECT_EQ(r.message, message);
+    EXPECT_EQ(r.function, function);
+    EXPECT_EQ(r.file, "src/rate_rsmpl.cpp");
+    EXPECT_EQ(r.err, 0);
+    EXPECT_GT(r.line, 0);
+}
+
 void capture_report(const char *file, int line, const char *function, int err, const char *fmt, ...) {
     char text[256];
     va_list ap;
@@ -324,11 +332,7 @@ TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
         state().pitch_shift = 9;
         EXPECT_EQ(ops_.adjust_pitch(obj_, &info), -EIO);
         ASSERT_EQ(g_reports.size(), 1u);
-        EXPECT_EQ(g_reports[0].message, c.message);
-        EXPECT_EQ(g_reports[0].function, "pcm_rsmpl_adjust_pitch");
-        EXPECT_EQ(g_reports[0].file, "src/rate_rsmpl.cpp");
-        EXPECT_EQ(g_reports[0].err, 0);
-        EXPECT_GT(g_reports[0].line, 0);
+        expect_report(g_reports[0], "pcm_rsmpl_adjust_pitch", c.message);
         EXPECT_EQ(state().pitch_shift, 9u);
     }
     // The last pitch tried (by 100000 -> 1) stays and the converter remains usable.
@@ -389,12 +393,7 @@ TEST_F(PluginOps, ShrinkerStopsAtDstFramesAndReportsEachChannel) {
     const auto out = convert(src, 3, 2);  // five frames fall due, three fit
     EXPECT_EQ(out, std::vector<int16_t>(src.begin(), src.begin() + 6));
     ASSERT_EQ(g_reports.size(), 2u);
-    for (const auto &r : g_reports) {
-        EXPECT_EQ(r.message, "dst_frames overflow");
-        EXPECT_EQ(r.function, "src_linear_shrink_s16");
-        EXPECT_EQ(r.file, "src/rate_rsmpl.cpp");
-        EXPECT_EQ(r.err, 0);
-    }
+    for (const auto &r : g_reports) expect_report(r, "src_linear_shrink_s16", "dst_frames overflow");
 }
 
 // ---- FIR path against the resampler interface called directly ------------------
@@ -440,8 +439,7 @@ TEST_F(PluginOps, FirOutputNeverPassesDstFrames) {
     const auto want = ref.run(src, {480, 544});
     EXPECT_EQ(convert(src, 1000, 2), std::vector<int16_t>(want.begin(), want.begin() + 1000 * 2));
     ASSERT_EQ(g_reports.size(), 1u);
-    EXPECT_EQ(g_reports[0].message, "dst_frames overflow");
-    EXPECT_EQ(g_reports[0].function, "rsmplrate_Up");
+    expect_report(g_reports[0], "rsmplrate_Up", "dst_frames overflow");
     const auto next = random_samples(480 * 2, 34);
     EXPECT_EQ(convert(next, 960, 2), ref.run(next, {480}));
 
@@ -451,7 +449,7 @@ TEST_F(PluginOps, FirOutputNeverPassesDstFrames) {
     const auto dwant = FirReference(3, false, 6).run(down_src, {960, 960});
     EXPECT_EQ(convert(down_src, 200, 3), std::vector<int16_t>(dwant.begin(), dwant.begin() + 200 * 3));
     ASSERT_EQ(g_reports.size(), 1u);
-    EXPECT_EQ(g_reports[0].function, "rsmplrate_Down");
+    expect_report(g_reports[0], "rsmplrate_Down", "dst_frames overflow");
     EXPECT_EQ(convert(down_src, 0, 3).size(), 0u);
 }
 
