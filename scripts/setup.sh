@@ -8,6 +8,7 @@ pkgs=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libasound2-dev libasound2-plugins libsndfile1-dev
   alsa-utils sox
+  libasound2-plugins python3-numpy python3-matplotlib
   clang libclang-rt-14-dev valgrind  # fuzzing (libFuzzer) and leak checks
 )
 

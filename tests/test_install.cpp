@@ -3,44 +3,29 @@
 // the pcm.rsmplrate definition (aplay -D rsmplrate:..., and
 // defaults.pcm.rate_converter), and a program builds against the headers
 // through the pkg-config file.
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "rate_support.hpp"
 #include "support.hpp"
 
 namespace fs = std::filesystem;
 
 namespace {
 
+using rsmpl_test::Cmd;
+using rsmpl_test::sh;
+
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
 #endif
-
-struct Cmd {
-    int status = -1;
-    std::string output;
-};
-
-Cmd sh(const std::string &cmd) {
-    Cmd r;
-    FILE *p = popen((cmd + " 2>&1").c_str(), "r");
-    if (p == nullptr) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) r.output.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
 
 std::string trimmed(std::string s) {
     while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
@@ -89,17 +74,9 @@ protected:
     }
     static fs::path tone(unsigned rate, unsigned frames) {
         const fs::path path = stage_ / "tone.wav";
-        std::ofstream f(path, std::ios::binary);
-        auto put = [&](uint32_t v, int bytes) {
-            for (int i = 0; i < bytes; ++i) f.put(static_cast<char>(v >> (8 * i)));
-        };
-        f.write("RIFF", 4);
-        put(36 + frames * 2, 4);
-        f.write("WAVEfmt ", 8);
-        put(16, 4), put(1, 2), put(1, 2), put(rate, 4), put(rate * 2, 4), put(2, 2), put(16, 2);
-        f.write("data", 4);
-        put(frames * 2, 4);
-        for (unsigned i = 0; i < frames; ++i) put(static_cast<uint16_t>((i % 40) * 800 - 16000), 2);
+        std::vector<int16_t> samples(frames);
+        for (unsigned i = 0; i < frames; ++i) samples[i] = static_cast<int16_t>((i % 40) * 800 - 16000);
+        rsmpl_test::write_wav(path, rate, 1, 16, samples);
         return path;
     }
 
@@ -153,32 +130,29 @@ TEST_F(Installed, ProgramsBuildAgainstThePkgConfigFile) {
     EXPECT_EQ(run.output, "3336 0 0\n");
 }
 
-// aplay is not built with the sanitizers, so it cannot load a sanitized module.
-TEST_F(Installed, AplayPlaysThroughTheRsmplrateDefinition) {
+// Through the pcm.rsmplrate definition, and as alsa-lib's default rate
+// converter under a plug PCM. aplay pads its last chunk (a quarter of its
+// 500 ms buffer) with silence. aplay is not built with the sanitizers, so it
+// cannot load a sanitized module.
+TEST_F(Installed, AplayPlaysThroughTheDefinitionAndTheDefaultConverterSetting) {
     if (kSanitized) GTEST_SKIP() << "aplay cannot load a sanitizer-built module";
     if (sh("command -v aplay").status != 0) GTEST_SKIP() << "aplay not installed";
     ASSERT_FALSE(conf_.empty());
-    const fs::path capture = stage_ / "captured.raw";
-    const fs::path config = alsa_config(capture, "");
-    const Cmd r = aplay(config, "rsmplrate:SLAVE=capture,RATE=48000", tone(16000, 16000));
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("RSMPL Converter: FIR filter, UP 16000 -> 48000"), std::string::npos) << r.output;
-    EXPECT_EQ(fs::file_size(capture), 48000u * 2);
-}
-
-TEST_F(Installed, DefaultRateConverterSetting) {
-    if (kSanitized) GTEST_SKIP() << "aplay cannot load a sanitizer-built module";
-    if (sh("command -v aplay").status != 0) GTEST_SKIP() << "aplay not installed";
-    const fs::path capture = stage_ / "captured-default.raw";
-    const fs::path config = alsa_config(capture,
-                                        "defaults.pcm.rate_converter \"rsmplrate\"\n"
-                                        "pcm.plugout { type plug slave { pcm capture rate 48000 } }\n");
-    const Cmd r = aplay(config, "plugout", tone(44100, 44100));
-    ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_NE(r.output.find("RSMPL Converter: Linear, UP 44100 -> 48000"), std::string::npos) << r.output;
-    // aplay pads its last chunk (a quarter of its 500 ms buffer) with silence.
-    EXPECT_GE(fs::file_size(capture), 48000u * 2);
-    EXPECT_LE(fs::file_size(capture), (48000u + 48000u / 8) * 2);
+    struct Case { const char *extra, *device; unsigned rate; const char *line; uintmax_t min_bytes, max_bytes; };
+    const Case cases[] = {
+        {"", "rsmplrate:SLAVE=capture,RATE=48000", 16000, "FIR filter, UP 16000 -> 48000", 96000, 96000},
+        {"defaults.pcm.rate_converter \"rsmplrate\"\npcm.plugout { type plug slave { pcm capture rate 48000 } }",
+         "plugout", 44100, "Linear, UP 44100 -> 48000", 96000, 108000},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.device);
+        const fs::path capture = stage_ / (std::string("captured-") + std::to_string(c.rate) + ".raw");
+        const Cmd r = aplay(alsa_config(capture, c.extra), c.device, tone(c.rate, c.rate));
+        ASSERT_EQ(r.status, 0) << r.output;
+        EXPECT_NE(r.output.find(std::string("RSMPL Converter: ") + c.line), std::string::npos) << r.output;
+        EXPECT_GE(fs::file_size(capture), c.min_bytes);
+        EXPECT_LE(fs::file_size(capture), c.max_bytes);
+    }
 }
 
 }  // namespace

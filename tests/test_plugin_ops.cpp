@@ -13,11 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include "rate_support.hpp"
 #include "support.hpp"
 
 namespace {
 
+using rsmpl_test::FirReference;
 using rsmpl_test::Guarded;
 using rsmpl_test::random_samples;
 
@@ -27,25 +28,24 @@ constexpr uint32_t DIV = 0x80000;
 // operation reports (pitch_shift, the stage indices, the context pointers).
 struct StateView {
     uint32_t factor;
-    int32_t up_index;
-    int32_t down_index;
-    uint32_t pitch;
-    uint32_t pitch_shift;
-    uint32_t channels;
+    int32_t up_index, down_index;
+    uint32_t pitch, pitch_shift, channels;
     void *rsmpl_ctx[4];
     int16_t *sample_buf;
     void *convert_fn;
     char desc[64];
 };
 
-struct Report {
-    std::string file;
-    int line;
-    std::string function;
-    int err;
-    std::string message;
-};
+struct Report { std::string file; int line; std::string function; int err; std::string message; };
 std::vector<Report> g_reports;
+
+void expect_report(const Report &r, const char *function, const char *message) {
+    EXPECT_EQ(r.message, message);
+    EXPECT_EQ(r.function, function);
+    EXPECT_EQ(r.file, "src/rate_rsmpl.cpp");
+    EXPECT_EQ(r.err, 0);
+    EXPECT_GT(r.line, 0);
+}
 
 void capture_report(const char *file, int line, const char *function, int err, const char *fmt, ...) {
     char text[256];
@@ -55,23 +55,6 @@ void capture_report(const char *file, int line, const char *function, int err, c
     va_end(ap);
     g_reports.push_back({file ? file : "", line, function ? function : "", err, text});
 }
-
-class Module {
-public:
-    Module() {
-        handle_ = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (handle_ != nullptr)
-            open_ = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle_, "_snd_pcm_rate_rsmplrate_open"));
-    }
-    ~Module() {
-        if (handle_ != nullptr) dlclose(handle_);
-    }
-    snd_pcm_rate_open_func_t open() const { return open_; }
-
-private:
-    void *handle_ = nullptr;
-    snd_pcm_rate_open_func_t open_ = nullptr;
-};
 
 snd_pcm_rate_info_t make_info(unsigned in_rate, unsigned out_rate, unsigned channels,
                               snd_pcm_format_t in_format = SND_PCM_FORMAT_S16_LE,
@@ -88,8 +71,11 @@ snd_pcm_rate_info_t make_info(unsigned in_rate, unsigned out_rate, unsigned chan
 class PluginOps : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_NE(module_.open(), nullptr) << dlerror();
-        ASSERT_EQ(module_.open()(0x010002, &obj_, &ops_), 0);
+        handle_ = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(handle_, nullptr) << dlerror();
+        open_ = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle_, "_snd_pcm_rate_rsmplrate_open"));
+        ASSERT_NE(open_, nullptr) << dlerror();
+        ASSERT_EQ(open_(0x010002, &obj_, &ops_), 0);
         g_reports.clear();
         snd_lib_error_set_handler(capture_report);
     }
@@ -99,6 +85,7 @@ protected:
             ops_.free(obj_);
             ops_.close(obj_);
         }
+        if (handle_ != nullptr) dlclose(handle_);
     }
     StateView &state() { return *static_cast<StateView *>(obj_); }
 
@@ -133,103 +120,67 @@ protected:
         return s;
     }
 
-    Module module_;
+    void *handle_ = nullptr;
+    snd_pcm_rate_open_func_t open_ = nullptr;
     void *obj_ = nullptr;
     snd_pcm_rate_ops_t ops_{};
 };
 
-// ---- Entry and table -------------------------------------------------------
+// ---- Entry, table and opened state ------------------------------------------
 
-TEST_F(PluginOps, OldHostVersionGetsExactlyNineSlots) {
-    constexpr uint8_t kPattern = 0xA5;
-    struct {
-        snd_pcm_rate_ops_t ops;
-        uint8_t guard[64];
-    } host;
-    std::memset(&host, kPattern, sizeof(host));
-    void *obj = nullptr;
-    ASSERT_EQ(module_.open()(0x010001, &obj, &host.ops), 0);
-    ASSERT_NE(obj, nullptr);
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&host);
-    const size_t nine = offsetof(snd_pcm_rate_ops_t, version);
-    ASSERT_EQ(nine, 72u);
-    for (size_t i = nine; i < sizeof(host); ++i) ASSERT_EQ(bytes[i], kPattern) << "byte " << i << " written";
-    EXPECT_EQ(host.ops.close, ops_.close);
-    EXPECT_EQ(host.ops.init, ops_.init);
-    EXPECT_EQ(host.ops.free, ops_.free);
-    EXPECT_EQ(host.ops.reset, ops_.reset);
-    EXPECT_EQ(host.ops.adjust_pitch, ops_.adjust_pitch);
-    EXPECT_EQ(host.ops.convert, nullptr);
-    EXPECT_EQ(host.ops.convert_s16, ops_.convert_s16);
-    EXPECT_EQ(host.ops.input_frames, ops_.input_frames);
-    EXPECT_EQ(host.ops.output_frames, ops_.output_frames);
-    host.ops.close(obj);
-}
-
-TEST_F(PluginOps, EveryOtherVersionGetsTheWholeTableAndNoMore) {
-    for (unsigned version : {0x010002u, 0x010003u, 0u, 0x020000u}) {
+// Version 0x010001 gets the first nine slots (72 bytes), any other version the
+// whole table; nothing after either is written.
+TEST_F(PluginOps, EntryCopiesNineSlotsForTheOldHostAndTheWholeTableOtherwise) {
+    EXPECT_EQ(ops_.version, 0x010002u);
+    EXPECT_EQ(ops_.convert, nullptr);
+    ASSERT_EQ(offsetof(snd_pcm_rate_ops_t, version), 72u);
+    for (unsigned version : {0x010001u, 0x010002u, 0x010003u, 0u, 0x020000u}) {
         SCOPED_TRACE(version);
-        constexpr uint8_t kPattern = 0x5A;
         struct {
             snd_pcm_rate_ops_t ops;
             uint8_t guard[64];
         } host;
-        std::memset(&host, kPattern, sizeof(host));
+        std::memset(&host, 0xA5, sizeof(host));
         void *obj = nullptr;
-        ASSERT_EQ(module_.open()(version, &obj, &host.ops), 0);
-        EXPECT_EQ(host.ops.version, 0x010002u);
-        EXPECT_NE(host.ops.get_supported_rates, nullptr);
-        EXPECT_NE(host.ops.dump, nullptr);
-        EXPECT_NE(host.ops.init, nullptr);
-        EXPECT_EQ(host.ops.convert, nullptr);
+        ASSERT_EQ(open_(version, &obj, &host.ops), 0);
+        ASSERT_NE(obj, nullptr);
+        const bool old = version == 0x010001u;
+        const size_t end = old ? 72 : offsetof(snd_pcm_rate_ops_t, get_supported_formats);
         const auto *bytes = reinterpret_cast<const uint8_t *>(&host);
-        for (size_t i = offsetof(snd_pcm_rate_ops_t, get_supported_formats); i < sizeof(host); ++i)
-            ASSERT_EQ(bytes[i], kPattern) << "byte " << i << " written";
+        for (size_t i = end; i < sizeof(host); ++i) ASSERT_EQ(bytes[i], 0xA5) << "byte " << i << " written";
+        EXPECT_EQ(std::memcmp(&host.ops, &ops_, 72), 0);  // the nine slots close .. output_frames
+        if (!old) {
+            EXPECT_EQ(host.ops.version, 0x010002u);
+            EXPECT_EQ(host.ops.get_supported_rates, ops_.get_supported_rates);
+            EXPECT_EQ(host.ops.dump, ops_.dump);
+        }
         host.ops.close(obj);
     }
 }
 
-TEST_F(PluginOps, OpenedStateIsFactorOneWithoutResources) {
-    EXPECT_EQ(state().factor, 1u);
-    EXPECT_EQ(state().up_index, -1);
-    EXPECT_EQ(state().down_index, -1);
-    EXPECT_EQ(state().pitch, 0u);
-    EXPECT_EQ(state().pitch_shift, 0u);
-    EXPECT_EQ(state().channels, 0u);
-    for (void *ctx : state().rsmpl_ctx) EXPECT_EQ(ctx, nullptr);
-    EXPECT_EQ(state().sample_buf, nullptr);
-    EXPECT_EQ(state().convert_fn, nullptr);
+TEST_F(PluginOps, OpenedStateIsFactorOneWithoutResourcesAndConvertsNothing) {
+    StateView want{};
+    want.factor = 1;
+    want.up_index = want.down_index = -1;
+    EXPECT_EQ(std::memcmp(&state(), &want, sizeof(want)), 0);
     EXPECT_EQ(dump_text(), "RSMPL Converter: \n");
-}
-
-TEST_F(PluginOps, ConvertBeforeInitWritesNothing) {
-    const auto src = random_samples(64, 1);
-    const auto out = convert(src, 64, 1);
-    for (int16_t s : out) EXPECT_EQ(s, 0x5a5a);
+    for (int16_t s : convert(random_samples(64, 1), 64, 1)) EXPECT_EQ(s, 0x5a5a);
 }
 
 TEST_F(PluginOps, SupportedRatesAreFixed) {
-    unsigned lo = 0, hi = 0;
-    EXPECT_EQ(ops_.get_supported_rates(obj_, &lo, &hi), 0);
-    EXPECT_EQ(lo, 8000u);
-    EXPECT_EQ(hi, 48000u);
-    setup(44100, 48000, 2, 882, 960);
-    lo = hi = 0;
-    EXPECT_EQ(ops_.get_supported_rates(obj_, &lo, &hi), 0);
-    EXPECT_EQ(lo, 8000u);
-    EXPECT_EQ(hi, 48000u);
+    for (bool initialised : {false, true}) {
+        if (initialised) setup(44100, 48000, 2, 882, 960);
+        unsigned lo = 0, hi = 0;
+        EXPECT_EQ(ops_.get_supported_rates(obj_, &lo, &hi), 0);
+        EXPECT_EQ(lo, 8000u);
+        EXPECT_EQ(hi, 48000u);
+    }
 }
 
 // ---- init: path choice, validation, resources --------------------------------
 
-struct PathCase {
-    unsigned in_rate, out_rate;
-    uint32_t factor;
-    int32_t up_index, down_index;
-    const char *desc;
-};
-
 TEST_F(PluginOps, InitChoosesThePathFromTheRates) {
+    struct PathCase { unsigned in_rate, out_rate; uint32_t factor; int32_t up_index, down_index; const char *desc; };
     const PathCase cases[] = {
         {8000, 16000, 2, 1, -1, "FIR filter, UP 8000 -> 16000"},
         {16000, 48000, 3, 2, -1, "FIR filter, UP 16000 -> 48000"},
@@ -281,7 +232,8 @@ TEST_F(PluginOps, RefusedInitChangesNothing) {
     EXPECT_TRUE(g_reports.empty());
 }
 
-TEST_F(PluginOps, InitAllocatesOneContextPerChannel) {
+// One context per channel; with none, every path converts nothing.
+TEST_F(PluginOps, InitAllocatesOneContextPerChannelAndZeroChannelsConvertNothing) {
     for (unsigned channels : {0u, 1u, 4u, 3u}) {
         snd_pcm_rate_info_t info = make_info(16000, 48000, channels);
         ASSERT_EQ(ops_.init(obj_, &info), 0);
@@ -289,44 +241,10 @@ TEST_F(PluginOps, InitAllocatesOneContextPerChannel) {
         EXPECT_NE(state().sample_buf, nullptr);
         for (unsigned c = 0; c < 4; ++c) EXPECT_EQ(state().rsmpl_ctx[c] != nullptr, c < channels) << c;
     }
-}
-
-// Init twice without free, then free: nothing of either init may stay
-// allocated (LeakSanitizer watches the sanitizer build; glibc's counters
-// this one).
-TEST_F(PluginOps, RepeatedInitWithoutFreeReleasesEverything) {
-    snd_pcm_rate_info_t four = make_info(8000, 16000, 4);
-    snd_pcm_rate_info_t two = make_info(48000, 16000, 2);
-    const size_t before = mallinfo2().uordblks;
-    ASSERT_EQ(ops_.init(obj_, &four), 0);
-    ASSERT_EQ(ops_.init(obj_, &two), 0);
-    EXPECT_EQ(state().rsmpl_ctx[2], nullptr);
-    EXPECT_EQ(state().rsmpl_ctx[3], nullptr);
-    ops_.free(obj_);
-    const size_t after = mallinfo2().uordblks;
-    EXPECT_EQ(after, before);
-    for (void *ctx : state().rsmpl_ctx) EXPECT_EQ(ctx, nullptr);
-    EXPECT_EQ(state().sample_buf, nullptr);
-}
-
-// A repeated init starts every channel afresh: output after re-init equals
-// the output of a first init.
-TEST_F(PluginOps, RepeatedInitStartsFromFreshHistory) {
-    const auto src = random_samples(320 * 2, 7);
-    setup(16000, 48000, 2, 320, 960);
-    const auto first = convert(src, 960, 2);
-    convert(random_samples(320 * 2, 8), 960, 2);  // leave history behind
-    setup(16000, 48000, 2, 320, 960);
-    EXPECT_EQ(convert(src, 960, 2), first);
-}
-
-TEST_F(PluginOps, ZeroChannelsConvertNothing) {
-    const std::pair<unsigned, unsigned> rates[] = {{16000, 48000}, {48000, 16000}, {44100, 48000}, {48000, 44100}};
-    for (auto [in_rate, out_rate] : rates) {
+    for (auto [in_rate, out_rate] : {std::pair{16000u, 48000u}, {48000u, 16000u}, {44100u, 48000u}, {48000u, 44100u}}) {
         SCOPED_TRACE(in_rate);
         snd_pcm_rate_info_t info = make_info(in_rate, out_rate, 0);
         ASSERT_EQ(ops_.init(obj_, &info), 0);
-        for (void *ctx : state().rsmpl_ctx) EXPECT_EQ(ctx, nullptr);
         ops_.reset(obj_);
         int16_t src[8] = {1, 2, 3, 4, 5, 6, 7, 8};
         Guarded<int16_t> dst(0);
@@ -335,46 +253,51 @@ TEST_F(PluginOps, ZeroChannelsConvertNothing) {
     }
 }
 
+// Init twice without free, then free: nothing of either init may stay
+// allocated (LeakSanitizer watches the sanitizer build; glibc's counters
+// this one). A repeated init also starts every channel afresh.
+TEST_F(PluginOps, RepeatedInitWithoutFreeReleasesEverythingAndStartsAfresh) {
+    snd_pcm_rate_info_t four = make_info(8000, 16000, 4), two = make_info(48000, 16000, 2);
+    const size_t before = mallinfo2().uordblks;
+    ASSERT_EQ(ops_.init(obj_, &four), 0);
+    ASSERT_EQ(ops_.init(obj_, &two), 0);
+    EXPECT_EQ(state().rsmpl_ctx[2], nullptr);
+    EXPECT_EQ(state().rsmpl_ctx[3], nullptr);
+    ops_.free(obj_);
+    EXPECT_EQ(mallinfo2().uordblks, before);
+    for (void *ctx : state().rsmpl_ctx) EXPECT_EQ(ctx, nullptr);
+    EXPECT_EQ(state().sample_buf, nullptr);
+
+    const auto src = random_samples(320 * 2, 7);
+    setup(16000, 48000, 2, 320, 960);
+    const auto first = convert(src, 960, 2);
+    convert(random_samples(320 * 2, 8), 960, 2);  // leave history behind
+    setup(16000, 48000, 2, 320, 960);
+    EXPECT_EQ(convert(src, 960, 2), first);
+}
+
 // ---- Frame arithmetic and pitch refinement ------------------------------------
 
 TEST_F(PluginOps, FrameCountsFollowTheRatio) {
-    snd_pcm_rate_info_t info = make_info(48000, 16000, 1);
-    ASSERT_EQ(ops_.init(obj_, &info), 0);
-    EXPECT_EQ(state().pitch, 174763u);
-    EXPECT_EQ(ops_.input_frames(obj_, 320), 960u);
-    EXPECT_EQ(ops_.output_frames(obj_, 960), 320u);
-    EXPECT_EQ(ops_.input_frames(obj_, 0), 0u);
-    EXPECT_EQ(ops_.output_frames(obj_, 0), 0u);
-
-    // Rounding to nearest, halves up: at ratio 2, 3 input frames are 1.5 outputs.
-    info = make_info(8000, 16000, 1);
-    ASSERT_EQ(ops_.init(obj_, &info), 0);
-    EXPECT_EQ(ops_.output_frames(obj_, 3), 6u);
-    EXPECT_EQ(ops_.input_frames(obj_, 3), 2u);  // 1.5 rounds up
-    EXPECT_EQ(ops_.input_frames(obj_, 1), 1u);  // 0.5 rounds up
-
-    // pitch 0 (zero input rate): divisions by zero give 0.
-    info = make_info(0, 16000, 1);
-    ASSERT_EQ(ops_.init(obj_, &info), 0);
-    EXPECT_EQ(state().pitch, 0u);
-    EXPECT_EQ(ops_.input_frames(obj_, 320), 0u);
-    EXPECT_EQ(ops_.output_frames(obj_, 320), 0u);
+    struct Case { unsigned in_rate, out_rate; uint64_t frames, input_frames, output_frames; };
+    for (const Case &c : {Case{48000, 16000, 320, 960, 107}, Case{48000, 16000, 960, 2880, 320},
+                          Case{48000, 16000, 0, 0, 0},
+                          Case{8000, 16000, 3, 2, 6},  // 1.5 rounds up
+                          Case{8000, 16000, 1, 1, 2},  // 0.5 rounds up
+                          Case{0, 16000, 320, 0, 0}}) {  // pitch 0: divisions by zero give 0
+        snd_pcm_rate_info_t info = make_info(c.in_rate, c.out_rate, 1);
+        ASSERT_EQ(ops_.init(obj_, &info), 0);
+        EXPECT_EQ(ops_.input_frames(obj_, c.frames), c.input_frames) << c.in_rate << " " << c.frames;
+        EXPECT_EQ(ops_.output_frames(obj_, c.frames), c.output_frames) << c.in_rate << " " << c.frames;
+    }
 }
 
-struct PitchCase {
-    snd_pcm_uframes_t in_period, out_period;
-    uint32_t pitch, pitch_shift;
-};
-
 TEST_F(PluginOps, AdjustPitchMeetsThePeriods) {
-    const PitchCase cases[] = {
-        {941, 1024, 570532, 4},
-        {160, 960, 3145728, 6},
+    struct Case { snd_pcm_uframes_t in_period, out_period; uint32_t pitch, pitch_shift; };
+    const Case cases[] = {
+        {941, 1024, 570532, 4}, {160, 960, 3145728, 6},
         {960, 160, 87381, 6},  // below 1.0 the shift stays as the case before left it
-        {882, 960, 570654, 4},
-        {960, 882, 481690, 4},
-        {960, 960, DIV, 4},
-        {1, 2, 2 * DIV, 5},
+        {882, 960, 570654, 4}, {960, 882, 481690, 4}, {960, 960, DIV, 4}, {1, 2, 2 * DIV, 5},
     };
     snd_pcm_rate_info_t info = make_info(44100, 48000, 1);
     ASSERT_EQ(ops_.init(obj_, &info), 0);
@@ -390,18 +313,14 @@ TEST_F(PluginOps, AdjustPitchMeetsThePeriods) {
     EXPECT_TRUE(g_reports.empty());
 }
 
-struct BadPeriods {
-    snd_pcm_uframes_t in_period, out_period;
-    const char *message;
-};
-
 TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
-    const BadPeriods cases[] = {
-        {100000, 1, "invalid pcm period_size 100000 -> 1"},  // steps over 100000
+    struct Case { snd_pcm_uframes_t in_period, out_period; const char *message; };
+    const Case cases[] = {
         {20000, 10, "invalid pcm period_size 20000 -> 10"},
         {960, 0, "invalid pcm period_size 960 -> 0"},  // the count would stay 0 for ever
         {0, 960, "invalid pcm period_size 0 -> 960"},
         {0, 0, "invalid pcm period_size 0 -> 0"},
+        {100000, 1, "invalid pcm period_size 100000 -> 1"},  // steps over 100000
     };
     snd_pcm_rate_info_t info = make_info(44100, 48000, 1);
     ASSERT_EQ(ops_.init(obj_, &info), 0);
@@ -413,17 +332,10 @@ TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
         state().pitch_shift = 9;
         EXPECT_EQ(ops_.adjust_pitch(obj_, &info), -EIO);
         ASSERT_EQ(g_reports.size(), 1u);
-        EXPECT_EQ(g_reports[0].message, c.message);
-        EXPECT_EQ(g_reports[0].function, "pcm_rsmpl_adjust_pitch");
-        EXPECT_EQ(g_reports[0].file, "src/rate_rsmpl.cpp");
-        EXPECT_EQ(g_reports[0].err, 0);
-        EXPECT_GT(g_reports[0].line, 0);
+        expect_report(g_reports[0], "pcm_rsmpl_adjust_pitch", c.message);
         EXPECT_EQ(state().pitch_shift, 9u);
     }
-    // The last pitch tried stays and the converter remains usable.
-    info.in.period_size = 100000;
-    info.out.period_size = 1;
-    EXPECT_EQ(ops_.adjust_pitch(obj_, &info), -EIO);
+    // The last pitch tried (by 100000 -> 1) stays and the converter remains usable.
     EXPECT_EQ(state().pitch, 6u);
     info.in.period_size = 882;
     info.out.period_size = 960;
@@ -432,49 +344,47 @@ TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
 
 // ---- Linear expander and shrinker ----------------------------------------------
 
-TEST_F(PluginOps, ExpanderInterpolatesAndHoldsTheLastSample) {
-    setup(8000, 32000, 1, 1, 2);  // linear expander; periods 1 -> 2 give pitch 2.0, shift 5
-    ASSERT_EQ(state().pitch, 2 * DIV);
-    ASSERT_EQ(state().pitch_shift, 5u);
-    EXPECT_EQ(convert({100, 200}, 6, 1), (std::vector<int16_t>{0, 50, 100, 150, 200, 200}));
-    // No input: every frame is the remembered last sample, which stays.
-    EXPECT_EQ(convert({}, 3, 1), (std::vector<int16_t>{200, 200, 200}));
-    EXPECT_EQ(convert({}, 2, 1), (std::vector<int16_t>{200, 200}));
-    // Reset forgets it.
-    ops_.reset(obj_);
-    EXPECT_EQ(convert({100, 200}, 4, 1), (std::vector<int16_t>{0, 50, 100, 150}));
-}
-
-TEST_F(PluginOps, ExpanderRoundsTowardMinusInfinity) {
-    setup(8000, 32000, 1, 1, 3);
-    ASSERT_EQ(state().pitch, 3 * DIV);
-    ASSERT_EQ(state().pitch_shift, 5u);
-    EXPECT_EQ(convert({300, 600, 900}, 9, 1), (std::vector<int16_t>{0, 99, 199, 300, 399, 499, 600, 699, 799}));
-    ops_.reset(obj_);
-    EXPECT_EQ(convert({-300, -600, -900}, 4, 1), (std::vector<int16_t>{0, -100, -200, -300}));
-}
-
-TEST_F(PluginOps, ExpanderKeepsChannelsApart) {
-    setup(8000, 32000, 2, 1, 2);
-    // Channel 0 ramps up, channel 1 down; each remembers its own last sample.
-    EXPECT_EQ(convert({100, -100, 200, -200}, 4, 2), (std::vector<int16_t>{0, 0, 50, -50, 100, -100, 150, -150}));
-    EXPECT_EQ(convert({}, 1, 2), (std::vector<int16_t>{200, -200}));
-}
-
-TEST_F(PluginOps, ShrinkerPicksAndBlends) {
-    setup(48000, 44100, 1, 2, 1);  // linear shrinker; periods 2 -> 1 give pitch 0.5
-    ASSERT_EQ(state().pitch, DIV / 2);
-    EXPECT_EQ(convert({10, 20, 30, 40, 50, 60}, 3, 1), (std::vector<int16_t>{10, 30, 50}));
-    // No state between calls: input frame 0 always comes out as itself.
-    EXPECT_EQ(convert({70, 80}, 1, 1), (std::vector<int16_t>{70}));
-}
-
-TEST_F(PluginOps, EqualRatesCopyTheInput) {
-    setup(48000, 48000, 3, 960, 960);
-    ASSERT_EQ(state().pitch, DIV);
-    const auto src = random_samples(960 * 3, 11);
-    EXPECT_EQ(convert(src, 960, 3), src);
-    EXPECT_EQ(convert(src, 960, 3), src);
+// Worked examples, one convert call per step (an empty step is a reset); the
+// output buffer starts as 0x5a5a, so frames left unwritten show.
+TEST_F(PluginOps, LinearConvertersWorkedExamples) {
+    using V = std::vector<int16_t>;
+    struct Step { V src; unsigned dst_frames; V want; };
+    struct Case { unsigned in_rate, out_rate, channels, in_period, out_period; uint32_t pitch, shift; std::vector<Step> steps; };
+    const V copy = random_samples(960 * 3, 11);
+    const Step reset{};
+    const Case cases[] = {
+        // Expander: the last sample is remembered, and held once the input runs out; reset forgets it.
+        {8000, 32000, 1, 1, 2, 2 * DIV, 5,
+         {{{100, 200}, 6, {0, 50, 100, 150, 200, 200}}, {{}, 3, {200, 200, 200}}, {{}, 2, {200, 200}},
+          reset, {{100, 200}, 4, {0, 50, 100, 150}}}},
+        // The shift by 16 rounds toward minus infinity.
+        {8000, 32000, 1, 1, 3, 3 * DIV, 5,
+         {{{300, 600, 900}, 9, {0, 99, 199, 300, 399, 499, 600, 699, 799}}, reset,
+          {{-300, -600, -900}, 4, {0, -100, -200, -300}}}},
+        {8000, 32000, 2, 1, 2, 2 * DIV, 5,
+         {{{100, -100, 200, -200}, 4, {0, 0, 50, -50, 100, -100, 150, -150}}, {{}, 1, {200, -200}}}},
+        // Shrinker: no state between calls, input frame 0 always comes out as itself.
+        {48000, 44100, 1, 2, 1, DIV / 2, 0 /* unused */,
+         {{{10, 20, 30, 40, 50, 60}, 3, {10, 30, 50}}, {{70, 80}, 1, {70}}, {{}, 2, {0x5a5a, 0x5a5a}}}},
+        {48000, 48000, 3, 960, 960, DIV, 4, {{copy, 960, copy}, {copy, 960, copy}}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate) + ", " +
+                     std::to_string(c.channels) + " channels");
+        setup(c.in_rate, c.out_rate, c.channels, c.in_period, c.out_period);
+        ASSERT_EQ(state().pitch, c.pitch);
+        if (c.pitch >= DIV) {
+            ASSERT_EQ(state().pitch_shift, c.shift);
+        }
+        for (const Step &step : c.steps) {
+            if (step.dst_frames == 0) {
+                ops_.reset(obj_);
+                continue;
+            }
+            EXPECT_EQ(convert(step.src, step.dst_frames, c.channels), step.want);
+        }
+    }
+    EXPECT_TRUE(g_reports.empty());
 }
 
 TEST_F(PluginOps, ShrinkerStopsAtDstFramesAndReportsEachChannel) {
@@ -483,142 +393,40 @@ TEST_F(PluginOps, ShrinkerStopsAtDstFramesAndReportsEachChannel) {
     const auto out = convert(src, 3, 2);  // five frames fall due, three fit
     EXPECT_EQ(out, std::vector<int16_t>(src.begin(), src.begin() + 6));
     ASSERT_EQ(g_reports.size(), 2u);
-    for (const auto &r : g_reports) {
-        EXPECT_EQ(r.message, "dst_frames overflow");
-        EXPECT_EQ(r.function, "src_linear_shrink_s16");
-        EXPECT_EQ(r.file, "src/rate_rsmpl.cpp");
-        EXPECT_EQ(r.err, 0);
-    }
-}
-
-TEST_F(PluginOps, ShrinkerWithNoInputWritesNothing) {
-    setup(48000, 44100, 1, 960, 882);
-    Guarded<int16_t> dst(0);
-    int16_t src[1] = {5};
-    ops_.convert_s16(obj_, dst.data(), 882, src, 0);
-    EXPECT_TRUE(dst.guard_intact());
-    EXPECT_TRUE(g_reports.empty());
+    for (const auto &r : g_reports) expect_report(r, "src_linear_shrink_s16", "dst_frames overflow");
 }
 
 // ---- FIR path against the resampler interface called directly ------------------
 
-// The FIR path through the RSMPL interface, one context per channel, cut into
-// the given chunks: what the module must produce.
-class Reference {
-public:
-    explicit Reference(unsigned channels) : ctx_(channels, std::vector<uint8_t>(RSMPL_GetContextSize())) {
-        for (auto &c : ctx_) RSMPL_InitContext(reinterpret_cast<RSMPL_Ctx *>(c.data()));
-    }
-    std::vector<int16_t> up(const std::vector<int16_t> &src, unsigned factor, uint32_t index,
-                            std::initializer_list<unsigned> chunks) {
-        return run(src, factor, index, chunks, true);
-    }
-    std::vector<int16_t> down(const std::vector<int16_t> &src, unsigned factor, uint32_t index,
-                              std::initializer_list<unsigned> chunks) {
-        return run(src, factor, index, chunks, false);
-    }
-
-private:
-    std::vector<int16_t> run(const std::vector<int16_t> &src, unsigned factor, uint32_t index,
-                             std::initializer_list<unsigned> chunks, bool up) {
-        const size_t channels = ctx_.size();
-        std::vector<int16_t> out;
-        size_t frame = 0;
-        for (unsigned chunk : chunks) {
-            const size_t produced = up ? size_t{chunk} * factor : chunk / factor;
-            std::vector<int16_t> block(produced * channels);
-            for (size_t c = 0; c < channels; ++c) {
-                std::vector<int16_t> in(chunk), res(std::max<size_t>(produced, chunk) + 16);
-                for (size_t k = 0; k < chunk; ++k) in[k] = src[(frame + k) * channels + c];
-                auto *cx = reinterpret_cast<RSMPL_Ctx *>(ctx_[c].data());
-                const uint32_t status = up ? RSMPL_Up(cx, in.data(), res.data(), static_cast<int32_t>(chunk), index)
-                                           : RSMPL_Down(cx, in.data(), res.data(), static_cast<int32_t>(chunk), index);
-                if (status != RSMPL_OK) std::fill(res.begin(), res.end(), int16_t{0});  // refused: silence
-                for (size_t k = 0; k < produced; ++k) block[k * channels + c] = res[k];
-            }
-            out.insert(out.end(), block.begin(), block.end());
-            frame += chunk;
+// Periods longer than the sample buffer allows are cut into the documented
+// chunks; every channel keeps its own history across chunks and calls.
+TEST_F(PluginOps, FirPathChunksLikeTheResamplerInterface) {
+    struct Call { unsigned frames; std::vector<unsigned> chunks; };
+    struct Case { unsigned in_rate, out_rate, channels; std::vector<Call> calls; };
+    const Case cases[] = {
+        {8000, 16000, 2, {{1024, {480, 544}}, {1024, {480, 544}}}},
+        {16000, 48000, 1, {{1024, {320, 320, 384}}}},
+        {8000, 48000, 3, {{241, {160, 81}}, {240, {240}}}},
+        {48000, 8000, 4, {{1920, {960, 960}}}},
+        {48000, 16000, 2, {{3000, {960, 960, 1080}}}},
+        {48000, 24000, 1, {{1440, {1440}}}},
+        {48000, 24000, 2, {{1441, {960, 481}}, {960, {960}}}},  // 481 is no multiple of 4: refused
+        {16000, 48000, 1, {{5, {5}}, {0, {}}, {320, {320}}}},  // fewer than 6 frames: refused; none: nothing
+    };
+    uint32_t seed = 20;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate));
+        const bool up = c.out_rate > c.in_rate;
+        const unsigned factor = up ? c.out_rate / c.in_rate : c.in_rate / c.out_rate;
+        setup(c.in_rate, c.out_rate, c.channels, c.in_rate / 50, c.out_rate / 50);
+        FirReference ref(c.channels, up, factor);
+        for (const Call &call : c.calls) {
+            const auto src = random_samples(size_t{call.frames} * c.channels, ++seed);
+            const unsigned out_frames = up ? call.frames * factor : call.frames / factor;
+            EXPECT_EQ(convert(src, out_frames, c.channels), ref.run(src, call.chunks)) << call.frames;
         }
-        return out;
     }
-    std::vector<std::vector<uint8_t>> ctx_;
-};
-
-TEST_F(PluginOps, UpByTwoSplitsLargeBlocksIntoChunks) {
-    const auto src = random_samples(1024 * 2, 21);
-    setup(8000, 16000, 2, 1024, 2048);
-    Reference ref(2);
-    EXPECT_EQ(convert(src, 2048, 2), ref.up(src, 2, 1, {480, 544}));
-    const auto more = random_samples(1024 * 2, 22);
-    EXPECT_EQ(convert(more, 2048, 2), ref.up(more, 2, 1, {480, 544}));
-}
-
-TEST_F(PluginOps, UpByThreeAndSixChunks) {
-    {
-        const auto src = random_samples(1024, 23);
-        setup(16000, 48000, 1, 1024, 3072);
-        Reference ref(1);
-        EXPECT_EQ(convert(src, 3072, 1), ref.up(src, 3, 2, {320, 320, 384}));
-    }
-    {
-        const auto src = random_samples(241 * 3, 24);
-        setup(8000, 48000, 3, 241, 1446);
-        Reference ref(3);
-        EXPECT_EQ(convert(src, 1446, 3), ref.up(src, 6, 4, {160, 81}));
-        const auto next = random_samples(240 * 3, 25);
-        EXPECT_EQ(convert(next, 1440, 3), ref.up(next, 6, 4, {240}));
-    }
-}
-
-TEST_F(PluginOps, DownChunksAndEveryChannelStaysItsOwn) {
-    {
-        const auto src = random_samples(1920 * 4, 26);
-        setup(48000, 8000, 4, 1920, 320);
-        Reference ref(4);
-        EXPECT_EQ(convert(src, 320, 4), ref.down(src, 6, 4, {960, 960}));
-    }
-    {
-        const auto src = random_samples(3000 * 2, 27);
-        setup(48000, 16000, 2, 3000, 1000);
-        Reference ref(2);
-        EXPECT_EQ(convert(src, 1000, 2), ref.down(src, 3, 2, {960, 960, 1080}));
-    }
-    {
-        const auto src = random_samples(1440, 28);
-        setup(48000, 24000, 1, 1440, 720);
-        Reference ref(1);
-        EXPECT_EQ(convert(src, 720, 1), ref.down(src, 2, 1, {1440}));
-    }
-}
-
-// A chunk the stage refuses comes out as silence and leaves the history alone:
-// the next call continues as if that chunk had never been there.
-TEST_F(PluginOps, RefusedChunkIsSilenceAndKeepsHistory) {
-    const auto src = random_samples(1441 * 2, 29);
-    setup(48000, 24000, 2, 1441, 720);
-    Reference ref(2);
-    const auto out = convert(src, 720, 2);
-    auto want = ref.down(src, 2, 1, {960, 481});  // 481 is no multiple of 4: refused
-    EXPECT_EQ(out, want);
-    for (size_t i = 480 * 2; i < out.size(); ++i) EXPECT_EQ(out[i], 0) << i;
-    const auto next = random_samples(960 * 2, 30);
-    EXPECT_EQ(convert(next, 480, 2), ref.down(next, 2, 1, {960}));
-
-    // Up by 3 with fewer than 6 frames: silence, and nothing written past it.
-    setup(16000, 48000, 1, 320, 960);
-    const auto tiny = random_samples(5, 31);
-    EXPECT_EQ(convert(tiny, 15, 1), std::vector<int16_t>(15, 0));
     EXPECT_TRUE(g_reports.empty());
-}
-
-TEST_F(PluginOps, NoInputLeavesTheHistoryAlone) {
-    const auto src = random_samples(320, 32);
-    setup(16000, 48000, 1, 320, 960);
-    Reference ref(1);
-    Guarded<int16_t> dst(0);
-    ops_.convert_s16(obj_, dst.data(), 0, src.data(), 0);
-    EXPECT_TRUE(dst.guard_intact());
-    EXPECT_EQ(convert(src, 960, 1), ref.up(src, 3, 2, {320}));
 }
 
 // A host that offers less room than the FIR path produces: the output is
@@ -627,24 +435,21 @@ TEST_F(PluginOps, NoInputLeavesTheHistoryAlone) {
 TEST_F(PluginOps, FirOutputNeverPassesDstFrames) {
     const auto src = random_samples(1024 * 2, 33);
     setup(8000, 16000, 2, 1024, 2048);
-    Reference ref(2);
-    const auto want = ref.up(src, 2, 1, {480, 544});
-    const auto out = convert(src, 1000, 2);
-    EXPECT_EQ(out, std::vector<int16_t>(want.begin(), want.begin() + 1000 * 2));
+    FirReference ref(2, true, 2);
+    const auto want = ref.run(src, {480, 544});
+    EXPECT_EQ(convert(src, 1000, 2), std::vector<int16_t>(want.begin(), want.begin() + 1000 * 2));
     ASSERT_EQ(g_reports.size(), 1u);
-    EXPECT_EQ(g_reports[0].message, "dst_frames overflow");
-    EXPECT_EQ(g_reports[0].function, "rsmplrate_Up");
+    expect_report(g_reports[0], "rsmplrate_Up", "dst_frames overflow");
     const auto next = random_samples(480 * 2, 34);
-    EXPECT_EQ(convert(next, 960, 2), ref.up(next, 2, 1, {480}));
+    EXPECT_EQ(convert(next, 960, 2), ref.run(next, {480}));
 
     g_reports.clear();
     const auto down_src = random_samples(1920 * 3, 35);
     setup(48000, 8000, 3, 1920, 320);
-    Reference dref(3);
-    const auto dwant = dref.down(down_src, 6, 4, {960, 960});
+    const auto dwant = FirReference(3, false, 6).run(down_src, {960, 960});
     EXPECT_EQ(convert(down_src, 200, 3), std::vector<int16_t>(dwant.begin(), dwant.begin() + 200 * 3));
     ASSERT_EQ(g_reports.size(), 1u);
-    EXPECT_EQ(g_reports[0].function, "rsmplrate_Down");
+    expect_report(g_reports[0], "rsmplrate_Down", "dst_frames overflow");
     EXPECT_EQ(convert(down_src, 0, 3).size(), 0u);
 }
 

@@ -1,17 +1,15 @@
 // rsmpl-convert, run as a program on WAV files written here: what it writes
 // must be what the module gives inside alsa-lib, and every input it cannot
 // handle must end with a message and a non-zero exit.
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include "rate_support.hpp"
 #include "support.hpp"
 
 namespace fs = std::filesystem;
@@ -19,42 +17,12 @@ namespace fs = std::filesystem;
 namespace {
 
 using rsmpl_test::hostile_samples;
+using rsmpl_test::write_wav;
 
 struct Wav {
     unsigned rate = 0, channels = 0, bits = 0;
     std::vector<int16_t> samples;  // 16-bit files only
 };
-
-void put32(std::ofstream &f, uint32_t v) {
-    for (int i = 0; i < 4; ++i) f.put(static_cast<char>(v >> (8 * i)));
-}
-void put16(std::ofstream &f, uint16_t v) {
-    f.put(static_cast<char>(v));
-    f.put(static_cast<char>(v >> 8));
-}
-
-// Writes a canonical PCM WAV; with 24 bits every sample is the 16-bit value
-// shifted up.
-void write_wav(const fs::path &path, unsigned rate, unsigned channels, unsigned bits, const std::vector<int16_t> &s) {
-    std::ofstream f(path, std::ios::binary);
-    const uint32_t bytes = static_cast<uint32_t>(s.size() * bits / 8);
-    f.write("RIFF", 4);
-    put32(f, 36 + bytes);
-    f.write("WAVEfmt ", 8);
-    put32(f, 16);
-    put16(f, 1);
-    put16(f, static_cast<uint16_t>(channels));
-    put32(f, rate);
-    put32(f, rate * channels * bits / 8);
-    put16(f, static_cast<uint16_t>(channels * bits / 8));
-    put16(f, static_cast<uint16_t>(bits));
-    f.write("data", 4);
-    put32(f, bytes);
-    for (int16_t v : s) {
-        if (bits == 24) f.put(0);
-        put16(f, static_cast<uint16_t>(v));
-    }
-}
 
 Wav read_wav(const fs::path &path) {
     Wav w;
@@ -79,23 +47,9 @@ Wav read_wav(const fs::path &path) {
     return w;
 }
 
-struct ToolRun {
-    int status = -1;
-    std::string output;  // stdout and stderr together
-};
-
-ToolRun run(const std::string &args) {
-    const std::string cmd = "ALSA_PLUGIN_DIR='" RSMPL_BINARY_DIR "/alsa-lib' '" RSMPL_BINARY_DIR
-                            "/tools/rsmpl-convert' " + args + " 2>&1";
-    ToolRun r;
-    FILE *p = popen(cmd.c_str(), "r");
-    if (p == nullptr) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) r.output.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
+rsmpl_test::Cmd run(const std::string &args) {
+    return rsmpl_test::sh("ALSA_PLUGIN_DIR='" RSMPL_BINARY_DIR "/alsa-lib' '" RSMPL_BINARY_DIR "/tools/rsmpl-convert' " +
+                          args);
 }
 
 class RsmplConvert : public ::testing::Test {
@@ -111,28 +65,10 @@ protected:
     fs::path dir_;
 };
 
-// The FIR path through the resampler interface, fed 20 ms periods.
-std::vector<int16_t> up_by_three(const std::vector<int16_t> &in, unsigned channels, size_t period) {
-    std::vector<int16_t> out(in.size() * 3);
-    std::vector<uint8_t> ctx(RSMPL_GetContextSize());
-    auto *cx = reinterpret_cast<RSMPL_Ctx *>(ctx.data());
-    std::vector<int16_t> block(period), res(period * 3);
-    const size_t frames = in.size() / channels;
-    for (size_t c = 0; c < channels; ++c) {
-        RSMPL_InitContext(cx);
-        for (size_t p = 0; p < frames / period; ++p) {
-            for (size_t k = 0; k < period; ++k) block[k] = in[(p * period + k) * channels + c];
-            EXPECT_EQ(RSMPL_Up(cx, block.data(), res.data(), static_cast<int32_t>(period), RSMPL_STAGE_3), RSMPL_OK);
-            for (size_t k = 0; k < period * 3; ++k) out[(p * period * 3 + k) * channels + c] = res[k];
-        }
-    }
-    return out;
-}
-
 TEST_F(RsmplConvert, FirPathWritesWhatTheModuleGives) {
     const auto in = hostile_samples(16000 * 2, 3);  // one second of stereo
     write_wav(path("in.wav"), 16000, 2, 16, in);
-    const ToolRun r = run("-r 48000 '" + path("in.wav") + "' '" + path("out.wav") + "'");
+    const rsmpl_test::Cmd r = run("-r 48000 '" + path("in.wav") + "' '" + path("out.wav") + "'");
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("RSMPL Converter: FIR filter, UP 16000 -> 48000"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("frames in:  16000"), std::string::npos) << r.output;
@@ -142,13 +78,13 @@ TEST_F(RsmplConvert, FirPathWritesWhatTheModuleGives) {
     EXPECT_EQ(out.rate, 48000u);
     EXPECT_EQ(out.channels, 2u);
     EXPECT_EQ(out.bits, 16u);
-    EXPECT_EQ(out.samples, up_by_three(in, 2, 320));
+    EXPECT_EQ(out.samples, rsmpl_test::FirReference(2, true, 3).periods(in, 320));  // 20 ms periods
 }
 
 TEST_F(RsmplConvert, LinearPathAndOtherConverters) {
     const auto in = hostile_samples(44100, 4);
     write_wav(path("in.wav"), 44100, 1, 16, in);
-    ToolRun r = run("-r 48000 '" + path("in.wav") + "' '" + path("out.wav") + "'");
+    rsmpl_test::Cmd r = run("-r 48000 '" + path("in.wav") + "' '" + path("out.wav") + "'");
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("RSMPL Converter: Linear, UP 44100 -> 48000"), std::string::npos) << r.output;
     EXPECT_EQ(read_wav(path("out.wav")).samples.size(), 48000u);
@@ -162,7 +98,7 @@ TEST_F(RsmplConvert, LinearPathAndOtherConverters) {
 
 TEST_F(RsmplConvert, LongFilesShowProgress) {
     write_wav(path("long.wav"), 8000, 1, 16, std::vector<int16_t>(8000 * 40, 1000));
-    ToolRun r = run("-r 16000 '" + path("long.wav") + "' '" + path("out.wav") + "'");
+    rsmpl_test::Cmd r = run("-r 16000 '" + path("long.wav") + "' '" + path("out.wav") + "'");
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("converting:  50%"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("frames out: 640000"), std::string::npos) << r.output;
@@ -201,7 +137,7 @@ TEST_F(RsmplConvert, InputsItCannotHandleEndWithAMessage) {
     };
     for (const auto &[args, message] : cases) {
         SCOPED_TRACE(args);
-        const ToolRun r = run(args);
+        const rsmpl_test::Cmd r = run(args);
         EXPECT_NE(r.status, 0) << r.output;
         EXPECT_NE(r.output.find(message), std::string::npos) << r.output;
         EXPECT_EQ(r.output.find("ERROR: "), std::string::npos) << r.output;  // no sanitizer report
