@@ -183,7 +183,13 @@ void RSMPLSetFracDelay(RSMPL_Ctx *ctx, uint32_t *minInput, uint32_t *maxInput, f
 }
 
 int32_t RSMPLGetNumInSamples(RSMPL_Ctx *ctx, uint16_t outputs) {
-    const uint32_t end = ctx->position + rsmpl::sinc_advance(ctx->step, outputs);
+    // The kernel's advance, in 64 bits: right after a ratio change the count
+    // accepted follows the new ratio while the step is still the old one, and
+    // up to 65535 outputs at 8 inputs each would wrap a 32-bit position. Where
+    // nothing wraps this is the kernel's value exactly.
+    const uint64_t m = outputs;
+    const uint64_t advance = ((uint64_t{ctx->step} >> 16) << 8) * m + (((ctx->step & 0xFFFFu) * m + 128u) >> 8);
+    const uint64_t end = ctx->position + advance;
     return (ctx->targetHalfLength - ctx->halfLength) + static_cast<int32_t>(end >> 16);
 }
 
