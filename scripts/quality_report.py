@@ -169,8 +169,8 @@ def spectrogram(y, fo):
     w = np.kaiser(n, 20)
     frames = max(1, (len(y) - n) // hop)
     idx = np.arange(n)[None, :] + hop * np.arange(frames)[:, None]
-    spec = np.abs(np.fft.rfft(y[idx] * w, axis=1)) / (w.sum() / 2) / 32768
-    return 20 * np.log10(np.maximum(spec, 1e-12)).T, hop / fo, n
+    mag = np.abs(np.fft.rfft(y[idx] * w, axis=1)) / (w.sum() / 2) / 32768
+    return 20 * np.log10(np.maximum(mag, 1e-12)).T, hop / fo, n
 
 
 def plot_sweeps(data, key, members, path):
