@@ -69,7 +69,7 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
 // compile time so that every table value is a constant in the code.
 template <int N, class F>
 [[gnu::always_inline]] inline void unroll(F &&f) {
-    [&]<int... I>(std::integer_sequence<int, I...>) { (f(std::integral_constant<int, I>{}), ...); }(
+    [&]<int... I>(std::integer_sequence<int, I...>) __attribute__((always_inline)) { (f(std::integral_constant<int, I>{}), ...); }(
         std::make_integer_sequence<int, N>{});
 }
 

@@ -21,11 +21,10 @@
 //            is the table three taps later)
 //   down 2:3 group = two input triples; P = 4; rows at taps 0, 1, 3 and 4
 //
-// Accumulator bins: pair m of row p goes into 32-bit partial sum bin[p][m].
-// A partial sum over taps whose absolute values add up to less than 65536
-// stays within 32 bits (|sample| <= 32768: 65535 * 32768 < 2^31), so every
-// bin is kept below that; the partials are then combined exactly. The bins
-// are filled largest pair first into the lightest bin.
+// Accumulator bins: pair m of row p goes into 32-bit partial sum bin[p][m],
+// chosen by m modulo a short period. A partial sum over taps whose absolute values add up to less
+// than 65536 stays within 32 bits (|sample| <= 32768: 65535 * 32768 < 2^31),
+// so every bin is kept below that; the partials are then combined exactly.
 #pragma once
 
 #include <cstdint>
@@ -80,31 +79,25 @@ struct PairLayout {
         return w;
     }
 
-    // Largest pair into the lightest bin, row by row.
-    constexpr void fill_bins(int n) {
-        bins = n;
-        for (int p = 0; p < P; ++p) {
-            int32_t load[8] = {};
-            bool placed[Mp] = {};
-            for (int k = 0; k < Mp; ++k) {
-                int best = -1;
-                for (int m = 0; m < Mp; ++m)
-                    if (!placed[m] && (best < 0 || weight(p, m) > weight(p, best))) best = m;
-                int light = 0;
-                for (int b = 1; b < n; ++b)
-                    if (load[b] < load[light]) light = b;
-                placed[best] = true;
-                bin[p][best] = static_cast<uint8_t>(light);
-                load[light] += weight(p, best);
-            }
-        }
+    // Pair m into bin map[m mod period]: a loop over the pairs, unrolled
+    // `period` times (a multiple of R), keeps each bin in one register.
+    int period = 1;
+    template <int N>
+    constexpr void fill_bins(const int (&map)[N]) {
+        period = N;
+        bins = 0;
+        for (int v : map) bins = v + 1 > bins ? v + 1 : bins;
+        for (int p = 0; p < P; ++p)
+            for (int m = 0; m < Mp; ++m) bin[p][m] = static_cast<uint8_t>(map[m % N]);
     }
 };
 
 namespace detail {
 
+constexpr int kUpBins[] = {0, 1};
+
 template <int L, int N>
-constexpr PairLayout<2 * L, N / 2 + 1> up_layout(const int16_t (&t)[L][N], int bins) {
+constexpr PairLayout<2 * L, N / 2 + 1> up_layout(const int16_t (&t)[L][N]) {
     PairLayout<2 * L, N / 2 + 1> l;
     l.unit_out = L;
     l.units_per_group = 2;
@@ -112,11 +105,11 @@ constexpr PairLayout<2 * L, N / 2 + 1> up_layout(const int16_t (&t)[L][N], int b
     for (int par = 0; par < 2; ++par)
         for (int p = 0; p < L; ++p)
             for (int i = 0; i < N; ++i) l.c[par * L + p][i + par] = t[p][i];
-    l.fill_bins(bins);
+    l.fill_bins(kUpBins);
     return l;
 }
 
-constexpr PairLayout<3, 8> up3to2_layout(int bins) {
+constexpr PairLayout<3, 8> up3to2_layout() {
     PairLayout<3, 8> l;
     l.b0 = 1;
     l.unit_in = 2;
@@ -124,13 +117,13 @@ constexpr PairLayout<3, 8> up3to2_layout(int bins) {
     l.history = 15;
     for (int p = 0; p < 3; ++p)
         for (int i = 0; i < 16; ++i) l.c[p][i] = up::kFir2To3[p][i];
-    l.fill_bins(bins);
+    l.fill_bins(kUpBins);
     return l;
 }
 
 // 1:M with one output per group (M even).
-template <int Mp, std::size_t L>
-constexpr PairLayout<1, Mp> down_layout(const std::array<int16_t, L> &t, int M, int shift, int bins) {
+template <int Mp, std::size_t L, int N>
+constexpr PairLayout<1, Mp> down_layout(const std::array<int16_t, L> &t, int M, int shift, const int (&bins)[N]) {
     PairLayout<1, Mp> l;
     l.R = M / 2;
     l.shift = shift;
@@ -141,7 +134,8 @@ constexpr PairLayout<1, Mp> down_layout(const std::array<int16_t, L> &t, int M, 
     return l;
 }
 
-constexpr PairLayout<2, 26> down3to1_layout(int bins) {
+template <int N>
+constexpr PairLayout<2, 26> down3to1_layout(const int (&bins)[N]) {
     PairLayout<2, 26> l;
     l.R = 3;
     l.shift = 16;
@@ -156,7 +150,8 @@ constexpr PairLayout<2, 26> down3to1_layout(int bins) {
     return l;
 }
 
-constexpr PairLayout<4, 10> down3to2_layout(int bins) {
+template <int N>
+constexpr PairLayout<4, 10> down3to2_layout(const int (&bins)[N]) {
     PairLayout<4, 10> l;
     l.R = 3;
     l.shift = 15;
@@ -174,21 +169,30 @@ constexpr PairLayout<4, 10> down3to2_layout(int bins) {
 
 }  // namespace detail
 
-// Bins per kernel: the fewest that keep every bin below kLaneBound.
-inline constexpr auto kUp1To2 = detail::up_layout(up::kFir1To2, 2);
-inline constexpr auto kUp1To3 = detail::up_layout(up::kFir1To3, 2);
-inline constexpr auto kUp1To4 = detail::up_layout(up::kFir1To4, 2);
-inline constexpr auto kUp1To6 = detail::up_layout(up::kFir1To6, 2);
-inline constexpr auto kUp2To3 = detail::up3to2_layout(2);
-inline constexpr auto kDown2To1 = detail::down_layout<36>(down::DownsampleCoef2To1, 2, 16, 3);
-inline constexpr auto kDown3To1 = detail::down3to1_layout(2);
-inline constexpr auto kDown4To1 = detail::down_layout<32>(down::DownsampleCoef4To1, 4, 17, 4);
-inline constexpr auto kDown6To1 = detail::down_layout<48>(down::DownsampleCoef6To1, 6, 17, 4);
-inline constexpr auto kDown3To2 = detail::down3to2_layout(1);
+// Bins per kernel: few (each costs registers), every one below kLaneBound.
+// Heaviest bins: up 49176, 48346, 47297, 47865, 46448 (1:2, 1:3, 1:4, 1:6,
+// 3:2); down 55178 (1:2), 62090 (1:3), 60899 (1:4), 65349 (1:6), 56048 (2:3).
+inline constexpr auto kUp1To2 = detail::up_layout(up::kFir1To2);
+inline constexpr auto kUp1To3 = detail::up_layout(up::kFir1To3);
+inline constexpr auto kUp1To4 = detail::up_layout(up::kFir1To4);
+inline constexpr auto kUp1To6 = detail::up_layout(up::kFir1To6);
+inline constexpr auto kUp2To3 = detail::up3to2_layout();
+namespace detail {
+constexpr int kBins2To1[] = {0, 1, 2};
+constexpr int kBins3To1[] = {0, 1, 0, 0, 1, 1};
+constexpr int kBins4To1[] = {0, 1, 1, 1, 2, 2, 2, 3};
+constexpr int kBins6To1[] = {0, 1, 2, 3, 0, 1, 2, 3, 0, 1, 2, 3};
+constexpr int kBins3To2[] = {0, 0, 0};
+}  // namespace detail
+inline constexpr auto kDown2To1 = detail::down_layout<36>(down::DownsampleCoef2To1, 2, 16, detail::kBins2To1);
+inline constexpr auto kDown3To1 = detail::down3to1_layout(detail::kBins3To1);
+inline constexpr auto kDown4To1 = detail::down_layout<32>(down::DownsampleCoef4To1, 4, 17, detail::kBins4To1);
+inline constexpr auto kDown6To1 = detail::down_layout<48>(down::DownsampleCoef6To1, 6, 17, detail::kBins6To1);
+inline constexpr auto kDown3To2 = detail::down3to2_layout(detail::kBins3To2);
 
 template <class Layout>
 constexpr bool well_formed(const Layout &l) {
-    return l.heaviest_bin() < kLaneBound && 2 * l.R == l.unit_in * l.units_per_group &&
+    return l.heaviest_bin() < kLaneBound && 2 * l.R == l.unit_in * l.units_per_group && l.period % l.R == 0 &&
            Layout::P == l.unit_out * l.units_per_group && l.bins >= 1 && l.bins <= 8 &&
            (l.bins > 1 || l.shift <= 15);  // one bin: S + 2^(s-1) must stay below 2^31
 }

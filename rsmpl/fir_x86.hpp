@@ -230,59 +230,74 @@ template <const auto &L, int A>
     }
 }
 
-// Pair m of the groups from i on: R = 1 reads the samples in place, else the
-// de-interleaved stream of the pair's residue.
+// The pair words of a layout, [p][m], for loads at run time.
 template <const auto &L>
-[[gnu::always_inline]] inline Vec pairs(const int16_t *x, const int32_t *const *s, int i, int m) {
-    if constexpr (L.R == 1)
-        return load(x + L.b0 + 2 * (i + m));
-    else
-        return load(s[m % L.R] + i + m / L.R);
-}
-
-// Whether any phase of a pass has a non-zero coefficient in pair m.
-template <const auto &L, int PC>
-constexpr bool pass_uses_pair(int pass, int m) {
-    for (int q = 0; q < PC; ++q) {
-        const int p = pass * PC + q;
-        if (p < std::remove_cvref_t<decltype(L)>::P && !L.zero_pair(p, m)) return true;
+struct Words {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    int32_t w[Layout::P][Layout::Mp];
+    constexpr Words() : w{} {
+        for (int p = 0; p < Layout::P; ++p)
+            for (int m = 0; m < Layout::Mp; ++m) w[p][m] = L.pair(p, m);
     }
-    return false;
-}
+};
+template <const auto &L>
+inline constexpr Words<L> kWords{};
 
+// 2W groups from group i of the chunk on. The pairs are walked in a loop
+// unrolled U times (the bins' period, a multiple of R), so that each pair's
+// bin and (R > 1) its de-interleaved stream are fixed in the unrolled body.
 template <const auto &L>
 [[gnu::always_inline]] inline void block(const int16_t *x, const int32_t *const *s, int i, int16_t *out) {
     using Layout = std::remove_cvref_t<decltype(L)>;
     constexpr int P = Layout::P;
+    constexpr int Mp = Layout::Mp;
     constexpr int A = L.bins;
+    constexpr int R = L.R;
+    constexpr int U = L.period;
     // Phases per pass: two accumulator sets of A bins each stay in registers.
     constexpr int PC = A * 2 * 4 <= 8 ? 4 : (A * 2 * 2 <= 8 ? 2 : 1);
     constexpr int kPasses = (P + PC - 1) / PC;
+    const auto &words = kWords<L>.w;
     Vec y[P];
-    unroll<kPasses>([&](auto pass_c) {
+    unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
         constexpr int pass = decltype(pass_c)::value;
         Vec acc[PC][2][A];
         for (int q = 0; q < PC; ++q)
             for (int b = 0; b < A; ++b) acc[q][0][b] = acc[q][1][b] = zero();
-        unroll<Layout::Mp>([&](auto mc) {
-            constexpr int m = decltype(mc)::value;
-            if constexpr (pass_uses_pair<L, PC>(pass, m)) {
-                const Vec x0 = pairs<L>(x, s, i, m);
-                const Vec x1 = pairs<L>(x, s, i + kLanes, m);
-                unroll<PC>([&](auto qc) {
-                    constexpr int q = decltype(qc)::value;
-                    constexpr int p = pass * PC + q;
-                    if constexpr (p < P && !L.zero_pair(p, m)) {
-                        constexpr int b = L.bin[p][m];
-                        constexpr int32_t word = L.pair(p, m);
-                        const Vec c = set1(word);
-                        acc[q][0][b] = add(acc[q][0][b], madd(x0, c));
-                        acc[q][1][b] = add(acc[q][1][b], madd(x1, c));
-                    }
-                });
+        // Pair m = m0 + u, u known at compile time.
+        auto step = [&](int m0, auto uc) __attribute__((always_inline)) {
+            constexpr int u = decltype(uc)::value;
+            constexpr int b = L.bin[0][u];
+            const int m = m0 + u;
+            Vec x0, x1;
+            if constexpr (R == 1) {
+                x0 = load(x + L.b0 + 2 * (i + m));
+                x1 = load(x + L.b0 + 2 * (i + kLanes + m));
+            } else {
+                const int32_t *stream = s[u % R] + m0 / R + u / R;
+                x0 = load(stream + i);
+                x1 = load(stream + i + kLanes);
             }
+            // One load per pair, not one per phase: left to itself the
+            // compiler folds the load into every multiply, and loads bound
+            // the loop.
+            asm("" : "+x"(x0), "+x"(x1));
+            unroll<PC>([&](auto qc) __attribute__((always_inline)) {
+                constexpr int q = decltype(qc)::value;
+                constexpr int p = pass * PC + q;
+                if constexpr (p < P) {
+                    const Vec c = set1(words[p][m]);
+                    acc[q][0][b] = add(acc[q][0][b], madd(x0, c));
+                    acc[q][1][b] = add(acc[q][1][b], madd(x1, c));
+                }
+            });
+        };
+        int m0 = 0;
+        for (; m0 + U <= Mp; m0 += U) unroll<U>([&](auto uc) __attribute__((always_inline)) { step(m0, uc); });
+        unroll<U>([&](auto uc) __attribute__((always_inline)) {
+            if constexpr (Mp / U * U + decltype(uc)::value < Mp) step(Mp / U * U, uc);
         });
-        unroll<PC>([&](auto qc) {
+        unroll<PC>([&](auto qc) __attribute__((always_inline)) {
             constexpr int q = decltype(qc)::value;
             constexpr int p = pass * PC + q;
             if constexpr (p < P) y[p] = pack(combine<L, A>(acc[q][0]), combine<L, A>(acc[q][1]));
