@@ -21,6 +21,9 @@
 //            is the table three taps later)
 //   down 2:3 group = two input triples; P = 4; rows at taps 0, 1, 3 and 4
 //
+// Rows are padded with zero pairs to a multiple of R pairs, so that a
+// de-interleaving load of R pairs never reaches past a group's samples.
+//
 // Accumulator bins: pair m of row p goes into 32-bit partial sum bin[p][m],
 // chosen by m modulo a short period. A partial sum over taps whose absolute values add up to less
 // than 65536 stays within 32 bits (|sample| <= 32768: 65535 * 32768 < 2^31),
@@ -135,8 +138,8 @@ constexpr PairLayout<1, Mp> down_layout(const std::array<int16_t, L> &t, int M, 
 }
 
 template <int N>
-constexpr PairLayout<2, 26> down3to1_layout(const int (&bins)[N]) {
-    PairLayout<2, 26> l;
+constexpr PairLayout<2, 27> down3to1_layout(const int (&bins)[N]) {
+    PairLayout<2, 27> l;
     l.R = 3;
     l.shift = 16;
     l.unit_in = 3;
@@ -151,8 +154,8 @@ constexpr PairLayout<2, 26> down3to1_layout(const int (&bins)[N]) {
 }
 
 template <int N>
-constexpr PairLayout<4, 10> down3to2_layout(const int (&bins)[N]) {
-    PairLayout<4, 10> l;
+constexpr PairLayout<4, 12> down3to2_layout(const int (&bins)[N]) {
+    PairLayout<4, 12> l;
     l.R = 3;
     l.shift = 15;
     l.unit_in = 3;
@@ -192,7 +195,7 @@ inline constexpr auto kDown3To2 = detail::down3to2_layout(detail::kBins3To2);
 
 template <class Layout>
 constexpr bool well_formed(const Layout &l) {
-    return l.heaviest_bin() < kLaneBound && 2 * l.R == l.unit_in * l.units_per_group && l.period % l.R == 0 &&
+    return l.heaviest_bin() < kLaneBound && 2 * l.R == l.unit_in * l.units_per_group && l.period % l.R == 0 && Layout::Mp % l.R == 0 &&
            Layout::P == l.unit_out * l.units_per_group && l.bins >= 1 && l.bins <= 8 &&
            (l.bins > 1 || l.shift <= 15);  // one bin: S + 2^(s-1) must stay below 2^31
 }

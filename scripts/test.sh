@@ -19,3 +19,21 @@ ctest --test-dir build-asan --output-on-failure -j "$jobs"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DRSMPL_SANITIZE=thread -DRSMPL_BUILD_BENCH=OFF
 cmake --build build-tsan -j "$jobs" --target test_rsmpl_threads
 ./build-tsan/tests/test_rsmpl_threads
+
+# Kernel engines: the normal build's suite once more for every other engine
+# this machine runs (the run above used the best), each forced through
+# RSMPL_ENGINE. Then the AArch64 cross build, its whole suite under qemu-user,
+# with the NEON kernels and with the scalar ones.
+for engine in $(./build/tools/rsmpl-engines); do
+  [ "$engine" = "$(./build/tools/rsmpl-engines --active)" ] && continue
+  echo "test: engine $engine"
+  RSMPL_ENGINE=$engine ctest --test-dir build --output-on-failure -j "$jobs"
+done
+
+cmake -S . -B build-aarch64 -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRSMPL_BUILD_BENCH=OFF
+cmake --build build-aarch64 -j "$jobs"
+for engine in neon scalar; do
+  echo "test: aarch64 under qemu-user, engine $engine"
+  RSMPL_ENGINE=$engine ctest --test-dir build-aarch64 --output-on-failure -j "$jobs"
+done
