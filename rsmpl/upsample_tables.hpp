@@ -62,7 +62,7 @@ inline constexpr int16_t kFir1To4[4][16] = {
 
 // 6:1, 6 x 16. Prototype 96 taps, group delay 47.5 output samples.
 // Row sums 33064, 33040, 33025, 33025, 33040, 33064 (+0.073 dB). Passband
-// -0.20..+0.25 dB up to 0.85, -3 dB at 0.927, about -9.5 dB at 1.0,
+// -0.22..+0.25 dB up to 0.85 (-0.20 up to 0.849), -3 dB at 0.927, -9.43 dB at 1.0,
 // <= -49.0 dB above 1.15, <= -59.5 dB above 1.5.
 // Absolute row sums 45216, 60234, 69463, 69463, 60234, 45216.
 inline constexpr int16_t kFir1To6[6][16] = {

@@ -6,7 +6,9 @@ set -euo pipefail
 pkgs=(
   cmake make g++ pkg-config binutils
   libgtest-dev libgmock-dev libbenchmark-dev
-  libasound2-dev libsndfile1-dev
+  libasound2-dev libasound2-plugins libsndfile1-dev
+  alsa-utils sox
+  libasound2-plugins python3-numpy python3-matplotlib
 )
 
 # AArch64 cross build and its emulator (scripts/test.sh): Debian's cross

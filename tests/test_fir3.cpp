@@ -16,26 +16,14 @@ using rsmpl_test::Guarded;
 // The output rule written out in 128 bits: v = (2 * acc) << shift, plus
 // 0x8000; a v outside 32 bits becomes 0x7FFF0000 or 0x8000FFFF; sample v >> 16.
 int16_t model_output(int64_t acc, int shift) {
-    __int128 v;
-    if (acc == 0) {
-        v = 0;
-    } else if (shift > 80) {
-        // |2 * acc| >= 2, so the shifted value is at least 2^82 in magnitude.
-        v = acc > 0 ? (__int128{1} << 82) : -(__int128{1} << 82);
-    } else {
-        v = (__int128{2} * acc) * (__int128{1} << shift);  // |2 * acc| < 2^47: fits
-    }
-    v += 0x8000;
-    int32_t w;
-    if (v > INT32_MAX) w = 0x7FFF0000;
-    else if (v < INT32_MIN) w = static_cast<int32_t>(0x8000FFFFu);
-    else w = static_cast<int32_t>(v);
+    // Beyond a shift of 80, |2 * acc| >= 2 makes v at least 2^82 in magnitude.
+    const __int128 big = __int128{1} << 82;
+    const __int128 v = 0x8000 + (acc == 0 ? 0 : shift > 80 ? (acc > 0 ? big : -big) : __int128{2} * acc << shift);
+    const int32_t w = v > INT32_MAX ? 0x7FFF0000 : v < INT32_MIN ? static_cast<int32_t>(0x8000FFFFu) : static_cast<int32_t>(v);
     return static_cast<int16_t>(w >> 16);
 }
 
-struct Filtered {
-    std::vector<int16_t> out, history;
-};
+struct Filtered { std::vector<int16_t> out, history; };
 
 // Straightforward FIR over history followed by the input.
 Filtered model_fir(const std::vector<int16_t> &in, const std::vector<int16_t> &history,
@@ -55,10 +43,7 @@ Filtered model_fir(const std::vector<int16_t> &in, const std::vector<int16_t> &h
 
 // One call with guard elements after samples, history and a scratch buffer
 // of exactly taps + count samples.
-struct Call {
-    std::vector<int16_t> samples, history;
-    int32_t status;
-};
+struct Call { std::vector<int16_t> samples, history; int32_t status; };
 
 Call run(const std::vector<int16_t> &in, const std::vector<int16_t> &history, const std::vector<int16_t> &coefs,
          int shift) {
@@ -78,12 +63,7 @@ Call run(const std::vector<int16_t> &in, const std::vector<int16_t> &history, co
 }
 
 TEST(Fir3, StatusCodesInCheckOrderAndRejectedCallsChangeNothing) {
-    struct Case {
-        const char *what;
-        bool null_samples, null_history, null_coefs, null_scratch;
-        int count, taps, shift;
-        int32_t status;
-    };
+    struct Case { const char *what; bool null_samples, null_history, null_coefs, null_scratch; int count, taps, shift, status; };
     const Case cases[] = {
         {"null samples", true, false, false, false, 8, 4, 0, 1},
         {"null history", false, true, false, false, 8, 4, 0, 1},
@@ -122,38 +102,18 @@ TEST(Fir3, StatusCodesInCheckOrderAndRejectedCallsChangeNothing) {
     }
 }
 
-TEST(Fir3, UnitCoefficientPassesSamplesThrough) {
+TEST(Fir3, PassThroughAndSaturationExamples) {
     const std::vector<int16_t> in = rsmpl_test::hostile_samples(256, 3);
-    const std::vector<int16_t> hist = rsmpl_test::random_samples(4, 4);
-    const Call c = run(in, hist, {0x7FFF, 0, 0, 0}, 0);
+    const Call c = run(in, rsmpl_test::random_samples(4, 4), {0x7FFF, 0, 0, 0}, 0);
     ASSERT_EQ(c.status, 0);
     for (size_t i = 0; i < in.size(); ++i) EXPECT_LE(std::abs(c.samples[i] - in[i]), 1) << i;
-    // History: the last four input samples.
-    EXPECT_EQ(c.history, std::vector<int16_t>(in.end() - 4, in.end()));
-}
-
-TEST(Fir3, CoefficientKDelaysByKSamples) {
-    const std::vector<int16_t> in = rsmpl_test::random_samples(16, 5);
-    const std::vector<int16_t> hist = {11, 22, 33, 44};
-    // 0x4000 is one half: 2 * 0x4000 * x = x << 16 exactly, so the output is x.
-    const Call c = run(in, hist, {0, 0, 0x4000, 0}, 1);
-    ASSERT_EQ(c.status, 0);
-    EXPECT_EQ(c.samples[0], 33);  // scratch[0] (= 11) is never used
-    EXPECT_EQ(c.samples[1], 44);
-    for (size_t i = 2; i < in.size(); ++i) EXPECT_EQ(c.samples[i], in[i - 2]) << i;
-}
-
-TEST(Fir3, FullScaleWithGainSaturates) {
-    std::vector<int16_t> in(16);
-    for (size_t i = 0; i < in.size(); ++i) in[i] = (i / 4) % 2 ? INT16_MIN : INT16_MAX;
-    for (int shift : {1, 2, 15, 16, 17, 30, 31, 32, 33, 62, 63, 64, 100, 1000, INT16_MAX}) {
-        const Call c = run(in, {0, 0, 0, 0}, {0x7FFF, 0, 0, 0}, shift);
-        ASSERT_EQ(c.status, 0);
-        for (size_t i = 0; i < in.size(); ++i) EXPECT_EQ(c.samples[i], in[i] > 0 ? 32767 : -32768) << shift << " " << i;
-    }
-    // Small values with huge gains still saturate by sign; zero stays zero.
-    const Call c = run({1, -1, 0, 0}, {0, 0, 0, 0}, {1, 0, 0, 0}, INT16_MAX);
-    EXPECT_EQ(c.samples, (std::vector<int16_t>{32767, -32768, 0, 0}));
+    // Full scale with gain saturates by sign, whatever the shift.
+    for (int shift : {1, 16, 31, 32, 63, 64, 1000, INT16_MAX})
+        EXPECT_EQ(run({INT16_MAX, INT16_MIN, INT16_MAX, INT16_MIN}, {0, 0, 0, 0}, {0x7FFF, 0, 0, 0}, shift).samples,
+                  (std::vector<int16_t>{INT16_MAX, INT16_MIN, INT16_MAX, INT16_MIN})) << shift;
+    // The smallest values with the largest gain still saturate; zero stays zero.
+    EXPECT_EQ(run({1, -1, 0, 0}, {0, 0, 0, 0}, {1, 0, 0, 0}, INT16_MAX).samples,
+              (std::vector<int16_t>{32767, -32768, 0, 0}));
 }
 
 // Random coefficients, signals and shifts (including shifts that push the
@@ -175,16 +135,12 @@ TEST(Fir3, MatchesWideModel) {
         ASSERT_EQ(got.samples, want.out) << "taps " << taps << " n " << n << " shift " << shift;
         ASSERT_EQ(got.history, want.history) << "taps " << taps << " n " << n;
     }
-}
-
-// Accumulators near the largest magnitude: every tap at full scale.
-TEST(Fir3, LargestAccumulatorsMatchWideModel) {
+    // Accumulators near the largest magnitude: every tap at full scale.
     for (int16_t c : {INT16_MIN, INT16_MAX})
         for (int16_t x : {INT16_MIN, INT16_MAX})
             for (int shift : {0, 1, 20, 40}) {
                 const std::vector<int16_t> coefs(128, c), in(64, x), hist(128, x);
-                const Call got = run(in, hist, coefs, shift);
-                EXPECT_EQ(got.samples, model_fir(in, hist, coefs, shift).out) << c << " " << x << " " << shift;
+                EXPECT_EQ(run(in, hist, coefs, shift).samples, model_fir(in, hist, coefs, shift).out) << c << " " << x;
             }
 }
 
@@ -215,25 +171,24 @@ TEST(Fir3, BlockSplitInvariance) {
     }
 }
 
-TEST(Fir3, BodyWithoutTapsClearsSamples) {
+// The body checks nothing: without taps it clears the samples, and a
+// negative shift is taken as no shift.
+TEST(Fir3, BodyEdges) {
     Guarded<int16_t> s(12);
     for (size_t i = 0; i < 12; ++i) s[i] = static_cast<int16_t>(1000 + i);
-    int16_t hist[4] = {1, 2, 3, 4}, scratch[4] = {};
-    const int16_t coefs[4] = {0x7FFF, 0, 0, 0};
+    int16_t hist[4] = {1, 2, 3, 4}, scratch[12] = {};
+    const int16_t coefs[4] = {0x3000, -0x2000, 0x1000, 0x0100};
     UTILFir3(s.data(), 12, hist, coefs, 0, 0, scratch);
     for (size_t i = 0; i < 12; ++i) EXPECT_EQ(s[i], 0);
     EXPECT_TRUE(s.guard_intact());
     EXPECT_EQ(hist[0], 1);
-}
 
-// The body checks nothing; a negative shift there is taken as no shift.
-TEST(Fir3, BodyTreatsNegativeShiftAsNone) {
-    const std::vector<int16_t> in = rsmpl_test::random_samples(8, 21), coefs = {0x3000, -0x2000, 0x1000, 0x0100};
-    std::vector<int16_t> a = in, b = in, ha(4, 7), hb(4, 7), scratch(12);
-    UTILFir3(a.data(), 8, ha.data(), coefs.data(), 4, -5, scratch.data());
-    UTILFir3(b.data(), 8, hb.data(), coefs.data(), 4, 0, scratch.data());
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(ha, hb);
+    const std::vector<int16_t> in = rsmpl_test::random_samples(8, 21);
+    std::vector<int16_t> a = in, ha(4, 7);
+    UTILFir3(a.data(), 8, ha.data(), coefs, 4, -5, scratch);
+    const Filtered want = model_fir(in, std::vector<int16_t>(4, 7), {coefs, coefs + 4}, 0);
+    EXPECT_EQ(a, want.out);
+    EXPECT_EQ(ha, want.history);
 }
 
 }  // namespace

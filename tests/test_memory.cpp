@@ -48,38 +48,28 @@ TEST(AlignedAlloc, SizePlusAlignmentBeyond32BitsFailsInsteadOfWrapping) {
     EXPECT_EQ(raw, nullptr);
 }
 
-std::vector<uint8_t> ramp(size_t n) {
-    std::vector<uint8_t> v(n);
-    std::iota(v.begin(), v.end(), uint8_t{1});
-    return v;
-}
-
-TEST(MemoryHelpers, MovesHandleOverlapInBothDirections) {
-    using Move = void *(*)(void *, const void *, uint32_t);
-    for (Move move : {Move{UTIL_Memmove}, Move{UTIL_MemmoveExternal}}) {
+TEST(MemoryHelpers, CopiesMovesAndFillsReturnDestination) {
+    using Copy = void *(*)(void *, const void *, uint32_t);
+    std::vector<uint8_t> src(64);
+    std::iota(src.begin(), src.end(), uint8_t{1});
+    for (Copy copy : {Copy{UTIL_Memcpy}, Copy{UTIL_MemcpyIntFromExt}, Copy{UTIL_MemcpyExtFromInt}}) {
+        std::vector<uint8_t> dst(48, 0xEE), want = dst;
+        std::copy(src.begin(), src.begin() + 40, want.begin() + 4);
+        EXPECT_EQ(copy(dst.data() + 4, src.data(), 40), dst.data() + 4);
+        EXPECT_EQ(dst, want);
+    }
+    // Overlapping ranges in either direction copy as memmove does.
+    for (Copy move : {Copy{UTIL_Memmove}, Copy{UTIL_MemmoveExternal}})
         for (int shift : {-5, 5}) {
-            std::vector<uint8_t> buf = ramp(64), want = buf;
-            uint8_t *src = buf.data() + 20, *dst = src + shift;
+            std::vector<uint8_t> buf = src, want = src;
             std::memmove(want.data() + 20 + shift, want.data() + 20, 30);
-            EXPECT_EQ(move(dst, src, 30), dst);
+            EXPECT_EQ(move(buf.data() + 20 + shift, buf.data() + 20, 30), buf.data() + 20 + shift);
             EXPECT_EQ(buf, want) << "shift " << shift;
         }
-    }
-}
-
-TEST(MemoryHelpers, CopiesAndFillsReturnDestination) {
-    using Copy = void *(*)(void *, const void *, uint32_t);
-    const std::vector<uint8_t> src = ramp(40);
-    for (Copy copy : {Copy{UTIL_Memcpy}, Copy{UTIL_MemcpyIntFromExt}, Copy{UTIL_MemcpyExtFromInt}}) {
-        std::vector<uint8_t> dst(48, 0xEE);
-        EXPECT_EQ(copy(dst.data() + 4, src.data(), 40), dst.data() + 4);
-        EXPECT_TRUE(std::equal(src.begin(), src.end(), dst.begin() + 4));
-        EXPECT_EQ(dst[3], 0xEE);
-        EXPECT_EQ(dst[44], 0xEE);
-    }
-    std::vector<uint8_t> buf(16, 0);
+    std::vector<uint8_t> buf(16, 0), want(16, 0);
+    std::fill(want.begin() + 2, want.begin() + 12, 0xFF);
     EXPECT_EQ(UTIL_Memset(buf.data() + 2, 0x1FF, 10), buf.data() + 2);  // only the low byte counts
-    EXPECT_EQ(buf, (std::vector<uint8_t>{0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}));
+    EXPECT_EQ(buf, want);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <random>
 #include <unistd.h>
 #include <vector>
@@ -75,56 +76,34 @@ Floats random_knots(std::mt19937 &rng, size_t n, float x0) {
 }
 
 // Runs the forwarder with fe followed by guard bytes.
-Floats fit(const Floats &x, const Floats &f, const Floats &xe, int *status = nullptr) {
+Floats fit(const Floats &x, const Floats &f, const Floats &xe) {
     Guarded<float> fe(xe.size());
-    const int st = UTIL_SplineFit(static_cast<int>(x.size()), x.data(), f.data(), static_cast<int>(xe.size()),
-                                  xe.data(), fe.data());
-    if (status) {
-        *status = st;
-    } else {
-        EXPECT_EQ(st, 0);
-    }
+    EXPECT_EQ(UTIL_SplineFit(static_cast<int>(x.size()), x.data(), f.data(), static_cast<int>(xe.size()), xe.data(),
+                             fe.data()), 0);
     EXPECT_TRUE(fe.guard_intact());
     return Floats(fe.data(), fe.data() + xe.size());
 }
 
-TEST(Spline, TwoKnotsGiveTheLineAlsoOutside) {
+// Worked examples: the line through two knots, also outside them; flat where
+// the neighbouring slopes are not of one strict sign, and never outside 0..2.
+TEST(Spline, Examples) {
     EXPECT_EQ(fit({0, 1}, {0, 2}, {-1, 0.5f, 3, 0, 1}), (Floats{-2, 1, 6, 0, 2}));
-}
-
-TEST(Spline, FlatWhereNeighbouringSlopesAreNotOfOneSign) {
-    const Floats x = {0, 1, 2, 3}, f = {0, 1, 1, 2};
     Floats xe;
     for (int i = 0; i <= 300; ++i) xe.push_back(static_cast<float>(i) / 100.0f);
-    const Floats fe = fit(x, f, xe);
+    const Floats fe = fit({0, 1, 2, 3}, {0, 1, 1, 2}, xe);
     for (size_t i = 0; i < xe.size(); ++i) {
-        EXPECT_GE(fe[i], 0.0f) << xe[i];
-        EXPECT_LE(fe[i], 2.0f) << xe[i];
+        EXPECT_TRUE(fe[i] >= 0.0f && fe[i] <= 2.0f) << xe[i];
         if (xe[i] >= 1.0f && xe[i] <= 2.0f) {
             EXPECT_EQ(fe[i], 1.0f) << xe[i];
         }
     }
-    // Zero slope at x = 1 from the left and at x = 2 from the right.
-    const float eps = 1.0f / 256;
-    const Floats near = fit(x, f, {1 - eps, 2 + eps});
-    EXPECT_LT(std::fabs(near[0] - 1.0f), 4 * eps * eps);
-    EXPECT_LT(std::fabs(near[1] - 1.0f), 4 * eps * eps);
 }
 
 TEST(Spline, StatusCodesInCheckOrderLeaveResultsUntouched) {
     const Floats x3 = {0, 1, 2}, bad = {0, 1, 1}, down = {0, 2, 1}, f3 = {1, 2, 3}, xe = {0.5f, 1.5f};
     const float nan = std::nanf("");
     const Floats xnan = {0, nan, 2};
-    struct Case {
-        const char *what;
-        bool forwarder;
-        int n;
-        const float *x, *f;
-        int ne;
-        const float *xe;
-        bool null_fe;
-        int status;
-    };
+    struct Case { const char *what; bool forwarder; int n; const float *x, *f; int ne; const float *xe; bool null_fe; int status; };
     const Case cases[] = {
         {"null x", true, 3, nullptr, f3.data(), 2, xe.data(), false, 1},
         {"null f", true, 3, x3.data(), nullptr, 2, xe.data(), false, 1},
@@ -160,37 +139,46 @@ TEST(Spline, StatusCodesInCheckOrderLeaveResultsUntouched) {
     }
 }
 
-// Random knots and values, points inside and beyond the knots, against the
-// double-precision model; the tolerance is relative to the data's size or,
-// where larger, to the value.
-TEST(Spline, MatchesDoublePrecisionModel) {
+// Random knots and values (with plateaus), points inside and beyond the knots
+// and the knots themselves, against the double-precision model; the tolerance
+// is relative to the data's size or, where larger, to the value. Descending
+// and shuffled points give exactly the ascending results; every knot but the
+// last gives back its value exactly.
+TEST(Spline, RandomDataMatchModelInAnyOrder) {
     std::mt19937 rng(2024);
-    double worst = 0;
     for (int round = 0; round < 300; ++round) {
+        SCOPED_TRACE(round);
         const size_t n = 2 + rng() % 40;
         const Floats x = random_knots(rng, n, -5.0f);
         std::uniform_real_distribution<float> value(-100.0f, 100.0f);
         Floats f(n);
-        for (auto &v : f) v = value(rng);
-        if (round % 4 == 0) {  // plateaus and repeated values
-            for (size_t i = 1; i < n; ++i)
-                if (rng() % 3 == 0) f[i] = f[i - 1];
-        }
+        for (size_t i = 0; i < n; ++i) f[i] = (round % 4 == 0 && i > 0 && rng() % 3 == 0) ? f[i - 1] : value(rng);
         std::uniform_real_distribution<float> where(x.front() - 1.0f, x.back() + 1.0f);
         Floats xe(200);
         for (auto &p : xe) p = where(rng);
+        xe.insert(xe.end(), x.begin(), x.end());
         std::sort(xe.begin(), xe.end());
-        const Floats fe = fit(x, f, xe);
+        const Floats up = fit(x, f, xe);
         const Pchip model(x, f);
         for (size_t j = 0; j < xe.size(); ++j) {
             // Far outside a short end interval the cubic grows large: relative there.
             const double want = model(xe[j]);
-            const double err = std::fabs(fe[j] - want) / std::max(100.0, std::fabs(want));
-            worst = std::max(worst, err);
-            ASSERT_LT(err, 2e-5) << "round " << round << " point " << xe[j];
+            ASSERT_LT(std::fabs(up[j] - want) / std::max(100.0, std::fabs(want)), 2e-5) << xe[j];
         }
+        for (size_t i = 0; i + 1 < n; ++i)
+            ASSERT_EQ(up[std::lower_bound(xe.begin(), xe.end(), x[i]) - xe.begin()], f[i]) << i;
+
+        Floats down = fit(x, f, Floats(xe.rbegin(), xe.rend()));
+        std::reverse(down.begin(), down.end());
+        ASSERT_EQ(down, up);
+        std::vector<size_t> order(xe.size());
+        std::iota(order.begin(), order.end(), size_t{0});
+        std::shuffle(order.begin(), order.end(), rng);
+        Floats mixed(xe.size());
+        for (size_t i = 0; i < order.size(); ++i) mixed[i] = xe[order[i]];
+        const Floats got = fit(x, f, mixed);
+        for (size_t i = 0; i < order.size(); ++i) ASSERT_EQ(got[i], up[order[i]]);
     }
-    RecordProperty("worst_relative_error", std::to_string(worst));
 }
 
 TEST(Spline, MonotoneDataGiveMonotoneCurves) {
@@ -208,73 +196,12 @@ TEST(Spline, MonotoneDataGiveMonotoneCurves) {
             for (int k = 0; k < 64; ++k) xe.push_back(x[i] + (x[i + 1] - x[i]) * static_cast<float>(k) / 64.0f);
         xe.push_back(x.back());
         const Floats fe = fit(x, f, xe);
-        for (size_t j = 1; j < fe.size(); ++j) {
-            if (sign > 0) {
-                ASSERT_GE(fe[j], fe[j - 1]) << "round " << round << " at " << xe[j];
-            } else {
-                ASSERT_LE(fe[j], fe[j - 1]) << "round " << round << " at " << xe[j];
-            }
-        }
-        // No overshoot: between the knots' values piece by piece.
-        for (size_t j = 0; j < xe.size(); ++j) {
+        for (size_t j = 0; j < fe.size(); ++j) {
+            ASSERT_GE(sign * fe[j], sign * fe[j > 0 ? j - 1 : 0]) << "round " << round << " at " << xe[j];
+            // No overshoot: between the knots' values piece by piece.
             const size_t i = std::min<size_t>(j / 64, n - 2);
-            ASSERT_GE(fe[j], std::min(f[i], f[i + 1]));
-            ASSERT_LE(fe[j], std::max(f[i], f[i + 1]));
+            ASSERT_TRUE(fe[j] >= std::min(f[i], f[i + 1]) && fe[j] <= std::max(f[i], f[i + 1])) << xe[j];
         }
-    }
-}
-
-TEST(Spline, LocalExtremumOfTheDataStaysAnExtremum) {
-    const Floats x = {0, 1, 2.5f, 3, 5}, f = {0, 3, 7, 2, 1};
-    Floats xe;
-    for (int i = 0; i <= 500; ++i) xe.push_back(static_cast<float>(i) / 100.0f);
-    const Floats fe = fit(x, f, xe);
-    EXPECT_EQ(*std::max_element(fe.begin(), fe.end()), 7.0f);
-    EXPECT_EQ(fit(x, f, {2.5f})[0], 7.0f);
-}
-
-TEST(Spline, KnotsReproduceTheirValues) {
-    std::mt19937 rng(5);
-    for (int round = 0; round < 50; ++round) {
-        const size_t n = 2 + rng() % 20;
-        const Floats x = random_knots(rng, n, -3.0f);
-        Floats f(n);
-        for (auto &v : f) v = static_cast<float>(static_cast<int>(rng() % 2001) - 1000) / 7.0f;
-        const Floats fe = fit(x, f, x);
-        for (size_t i = 0; i + 1 < n; ++i) EXPECT_EQ(fe[i], f[i]) << i;
-        EXPECT_NEAR(fe[n - 1], f[n - 1], 1e-4 * (1 + std::fabs(f[n - 1])));
-    }
-}
-
-// Descending and shuffled evaluation points give exactly the values of the
-// ascending run, knots themselves and points beyond both ends included.
-TEST(Spline, OrderOfEvaluationPointsDoesNotMatter) {
-    std::mt19937 rng(31);
-    for (int round = 0; round < 60; ++round) {
-        const size_t n = 2 + rng() % 25;
-        const Floats x = random_knots(rng, n, 1.0f);
-        Floats f(n);
-        std::uniform_real_distribution<float> value(-10.0f, 10.0f);
-        for (auto &v : f) v = value(rng);
-        std::uniform_real_distribution<float> where(x.front() - 2.0f, x.back() + 2.0f);
-        Floats xe(150);
-        for (auto &p : xe) p = where(rng);
-        xe.insert(xe.end(), x.begin(), x.end());
-        std::sort(xe.begin(), xe.end());
-        const Floats up = fit(x, f, xe);
-
-        Floats rev(xe.rbegin(), xe.rend());
-        Floats down = fit(x, f, rev);
-        std::reverse(down.begin(), down.end());
-        ASSERT_EQ(down, up) << "round " << round;
-
-        std::vector<size_t> order(xe.size());
-        for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-        std::shuffle(order.begin(), order.end(), rng);
-        Floats mixed(xe.size());
-        for (size_t i = 0; i < order.size(); ++i) mixed[i] = xe[order[i]];
-        const Floats got = fit(x, f, mixed);
-        for (size_t i = 0; i < order.size(); ++i) ASSERT_EQ(got[i], up[order[i]]) << "round " << round;
     }
 }
 
@@ -284,9 +211,7 @@ TEST(Spline, NonFinitePointsStayContained) {
     const Floats x = {0, 1, 2, 3}, f = {0, 1, 4, 9};
     const float inf = INFINITY, nan = std::nanf("");
     const Floats ref = fit(x, f, {0.5f, 2.5f});
-    int status = 99;
-    const Floats fe = fit(x, f, {2.5f, nan, -inf, 0.5f, inf, nan}, &status);
-    EXPECT_EQ(status, 0);
+    const Floats fe = fit(x, f, {2.5f, nan, -inf, 0.5f, inf, nan});
     EXPECT_EQ(fe[0], ref[1]);
     EXPECT_EQ(fe[3], ref[0]);
     EXPECT_TRUE(std::isnan(fe[1]));
@@ -301,9 +226,9 @@ TEST(Spline, NonFinitePointsStayContained) {
     std::vector<float> x(n), f(n, 1.0f);
     for (int i = 0; i < n; ++i) x[i] = static_cast<float>(i);
     float xe[2] = {0.5f, 3.5f}, fe[2] = {-7.0f, -7.0f};
-    long pages = 0, resident = 0;
+    long pages = 0;
     FILE *statm = std::fopen("/proc/self/statm", "r");
-    if (statm == nullptr || std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) std::_Exit(2);
+    if (statm == nullptr || std::fscanf(statm, "%ld", &pages) != 1) std::_Exit(2);
     std::fclose(statm);
     rlimit cap{};
     if (getrlimit(RLIMIT_AS, &cap) != 0) std::_Exit(3);

@@ -1,0 +1,474 @@
+// End-to-end benchmark through the real alsa-lib: a playback `rate` PCM over a
+// `null` slave, stereo S16, 20 ms periods, measured as CPU time per second of
+// audio for our converter, alsa-lib's built-in `linear`, the converters of
+// libasound2-plugins and a copy-only converter that shows the plumbing floor.
+// All converters and rate pairs are measured in one process, interleaved
+// over several rounds, so that a slow moment of a shared machine spreads over
+// all of them instead of landing on one.
+//
+// Prints Markdown tables on stdout. Benchmarks are not tests: the exit status
+// says only whether the harness worked (and, with --require, whether the
+// named converters could be measured), never how fast anything was.
+#include <alsa/asoundlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <glob.h>
+#include <map>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "engine.hpp"
+
+#ifndef RSMPL_MODULE_PATH
+#define RSMPL_MODULE_PATH ""
+#endif
+#ifndef RSMPL_COPY_MODULE_PATH
+#define RSMPL_COPY_MODULE_PATH ""
+#endif
+#ifndef RSMPL_SYSTEM_PLUGIN_DIR
+#define RSMPL_SYSTEM_PLUGIN_DIR "/usr/lib/x86_64-linux-gnu/alsa-lib"
+#endif
+
+namespace {
+
+constexpr unsigned kChannels = 2;
+constexpr unsigned kPeriodsPerSecond = 50;  // 20 ms periods
+constexpr unsigned kBufferPeriods = 4;
+
+struct RatePair {
+    unsigned in;
+    unsigned out;
+};
+
+const RatePair kPairs[] = {
+    {16000, 48000}, {48000, 16000}, {8000, 48000}, {48000, 8000}, {24000, 48000}, {44100, 48000}, {8000, 32000},
+};
+
+struct Converter {
+    const char *name;     // converter name in the alsa configuration
+    const char *label;    // column heading
+    const char *marker;   // text that snd_pcm_dump shows when this converter runs
+};
+
+// The first is ours, the last the floor; the peers in between. Each marker
+// proves from the dump that the named converter ran and nothing fell back.
+const Converter kConverters[] = {
+    {"rsmplrate", "rsmplrate", "RSMPL Converter:"},
+    {"linear", "linear (alsa-lib)", "Converter: linear-interpolation"},
+    {"speexrate", "speexrate", "Converter: libspeex"},
+    {"samplerate", "samplerate", "Converter: libsamplerate"},
+    {"lavrate", "lavrate", "Converter: libswresample"},
+    {"benchcopy", "copy floor", "Bench copy converter"},
+};
+constexpr size_t kOurs = 0;
+constexpr size_t kFloor = sizeof(kConverters) / sizeof(kConverters[0]) - 1;
+constexpr size_t kNumConverters = sizeof(kConverters) / sizeof(kConverters[0]);
+
+struct Options {
+    std::string module = RSMPL_MODULE_PATH;
+    std::string copy_module = RSMPL_COPY_MODULE_PATH;
+    std::string system_dir = RSMPL_SYSTEM_PLUGIN_DIR;
+    int rounds = 9;
+    double seconds = 20.0;  // audio per measurement
+    std::vector<std::string> require;
+    size_t max_pairs = sizeof(kPairs) / sizeof(kPairs[0]);
+    bool verbose = false;
+};
+
+struct Cell {
+    std::vector<double> cpu;  // CPU seconds per second of audio, one per round
+    std::string failure;      // why it could not be measured
+    std::string dump_line;    // the converter's own line from snd_pcm_dump
+};
+
+double ThreadCpuSeconds() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+
+std::string RateText(unsigned rate) {
+    char buf[32];
+    if (rate % 1000 == 0)
+        std::snprintf(buf, sizeof buf, "%uk", rate / 1000);
+    else
+        std::snprintf(buf, sizeof buf, "%.1fk", rate / 1000.0);
+    return buf;
+}
+
+// A directory for ALSA_PLUGIN_DIR, which replaces alsa-lib's whole module
+// search path: it links the system's modules (the peers) and ours side by side.
+class PluginDir {
+public:
+    bool Create(const Options &opt, std::string *error) {
+        char tmpl[] = "/tmp/rsmpl-e2e-XXXXXX";
+        if (mkdtemp(tmpl) == nullptr) {
+            *error = std::string("mkdtemp: ") + std::strerror(errno);
+            return false;
+        }
+        dir_ = tmpl;
+        glob_t g{};
+        const std::string pattern = opt.system_dir + "/*.so";
+        if (glob(pattern.c_str(), 0, nullptr, &g) == 0) {
+            for (size_t i = 0; i < g.gl_pathc; ++i) Link(g.gl_pathv[i]);
+        }
+        globfree(&g);
+        if (!opt.module.empty()) Link(opt.module);
+        if (!opt.copy_module.empty()) Link(opt.copy_module);
+        return true;
+    }
+    ~PluginDir() {
+        for (const std::string &l : links_) unlink(l.c_str());
+        if (!dir_.empty()) rmdir(dir_.c_str());
+    }
+    const std::string &path() const { return dir_; }
+
+private:
+    void Link(const std::string &target) {
+        const std::string base = target.substr(target.find_last_of('/') + 1);
+        const std::string link = dir_ + "/" + base;
+        unlink(link.c_str());  // a module we built wins over an installed one of the same name
+        if (symlink(target.c_str(), link.c_str()) == 0) links_.push_back(link);
+    }
+    std::string dir_;
+    std::vector<std::string> links_;
+};
+
+// Interleaved stereo test signal, one second long: two tones and a little
+// noise at about -6 dBFS, so that no converter sees a trivial input.
+std::vector<int16_t> MakeSignal(unsigned rate) {
+    std::vector<int16_t> s(static_cast<size_t>(rate) * kChannels);
+    uint32_t noise = 0x12345678u;
+    for (unsigned i = 0; i < rate; ++i) {
+        const double t = static_cast<double>(i) / rate;
+        for (unsigned c = 0; c < kChannels; ++c) {
+            noise = noise * 1664525u + 1013904223u;
+            const double n = (static_cast<double>(noise >> 16) / 65536.0 - 0.5) * 0.02;
+            const double v = 0.3 * std::sin(2 * M_PI * (440.0 + 110.0 * c) * t) +
+                             0.18 * std::sin(2 * M_PI * 0.3 * rate * t) + n;
+            s[static_cast<size_t>(i) * kChannels + c] = static_cast<int16_t>(std::lround(v * 32767.0));
+        }
+    }
+    return s;
+}
+
+std::string ConfigText(const Converter &conv, const RatePair &pair) {
+    char buf[512];
+    std::snprintf(buf, sizeof buf,
+                  "pcm.bench {\n"
+                  "  type rate\n"
+                  "  slave { pcm { type null } rate %u format S16_LE }\n"
+                  "  converter \"%s\"\n"
+                  "}\n",
+                  pair.out, conv.name);
+    return buf;
+}
+
+// Opens and configures the PCM, checks from its dump that the converter ran.
+snd_pcm_t *OpenPcm(const Converter &conv, const RatePair &pair, Cell *cell, bool verbose) {
+    snd_config_t *top = nullptr;
+    snd_input_t *in = nullptr;
+    const std::string text = ConfigText(conv, pair);
+    if (snd_config_top(&top) < 0 || snd_input_buffer_open(&in, text.c_str(), static_cast<ssize_t>(text.size())) < 0) {
+        cell->failure = "cannot build the configuration";
+        if (top) snd_config_delete(top);
+        return nullptr;
+    }
+    int err = snd_config_load(top, in);
+    snd_input_close(in);
+    snd_pcm_t *pcm = nullptr;
+    if (err >= 0) err = snd_pcm_open_lconf(&pcm, "bench", SND_PCM_STREAM_PLAYBACK, 0, top);
+    snd_config_delete(top);
+    if (err < 0) {
+        cell->failure = std::string("open: ") + snd_strerror(err);
+        return nullptr;
+    }
+
+    const snd_pcm_uframes_t period = pair.in / kPeriodsPerSecond;
+    snd_pcm_hw_params_t *hw;
+    snd_pcm_hw_params_alloca(&hw);
+    snd_pcm_uframes_t got_period = period;
+    snd_pcm_uframes_t buffer = period * kBufferPeriods;
+    const char *step = "hw_params_any";
+    err = snd_pcm_hw_params_any(pcm, hw);
+    if (err >= 0) step = "access", err = snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED);
+    if (err >= 0) step = "format", err = snd_pcm_hw_params_set_format(pcm, hw, SND_PCM_FORMAT_S16_LE);
+    if (err >= 0) step = "channels", err = snd_pcm_hw_params_set_channels(pcm, hw, kChannels);
+    if (err >= 0) step = "rate", err = snd_pcm_hw_params_set_rate(pcm, hw, pair.in, 0);
+    if (err >= 0) step = "period", err = snd_pcm_hw_params_set_period_size(pcm, hw, period, 0);
+    if (err >= 0) step = "buffer", err = snd_pcm_hw_params_set_buffer_size_near(pcm, hw, &buffer);
+    if (err >= 0) step = "hw_params", err = snd_pcm_hw_params(pcm, hw);
+    if (err >= 0) step = "period readback", err = snd_pcm_hw_params_get_period_size(hw, &got_period, nullptr);
+    if (err >= 0 && got_period != period) err = -EINVAL;
+    if (err < 0) {
+        cell->failure = std::string(step) + ": " + snd_strerror(err);
+        snd_pcm_close(pcm);
+        return nullptr;
+    }
+
+    snd_output_t *out = nullptr;
+    snd_output_buffer_open(&out);
+    snd_pcm_dump(pcm, out);
+    char *dump = nullptr;
+    snd_output_buffer_string(out, &dump);
+    const std::string dump_text = dump ? dump : "";
+    snd_output_close(out);
+    if (verbose) std::fprintf(stderr, "---- %s %u -> %u\n%s", conv.name, pair.in, pair.out, dump_text.c_str());
+    const size_t at = dump_text.find(conv.marker);
+    if (at == std::string::npos) {
+        cell->failure = "another converter ran (not found in snd_pcm_dump)";
+        snd_pcm_close(pcm);
+        return nullptr;
+    }
+    const size_t eol = dump_text.find('\n', at);
+    cell->dump_line = dump_text.substr(at, eol == std::string::npos ? std::string::npos : eol - at);
+    return pcm;
+}
+
+// One measurement: CPU seconds spent per second of audio written.
+bool Measure(const Converter &conv, const RatePair &pair, const std::vector<int16_t> &signal, double seconds,
+             Cell *cell, bool verbose) {
+    snd_pcm_t *pcm = OpenPcm(conv, pair, cell, verbose);
+    if (pcm == nullptr) return false;
+    const unsigned period = pair.in / kPeriodsPerSecond;
+    const long periods = std::max(1L, std::lround(seconds * kPeriodsPerSecond));
+    int err = snd_pcm_prepare(pcm);
+    size_t offset = 0;
+    auto write_periods = [&](long count) -> int {
+        for (long p = 0; p < count; ++p) {
+            const snd_pcm_sframes_t w = snd_pcm_writei(pcm, &signal[offset * kChannels], period);
+            if (w < 0) return static_cast<int>(w);
+            if (static_cast<unsigned>(w) != period) return -EIO;
+            offset += period;
+            if (offset + period > signal.size() / kChannels) offset = 0;
+        }
+        return 0;
+    };
+    if (err >= 0) err = write_periods(kBufferPeriods * 2);  // warm caches and start the stream
+    const double t0 = ThreadCpuSeconds();
+    if (err >= 0) err = write_periods(periods);
+    const double t1 = ThreadCpuSeconds();
+    snd_pcm_drop(pcm);
+    snd_pcm_close(pcm);
+    if (err < 0) {
+        cell->failure = std::string("write: ") + snd_strerror(err);
+        return false;
+    }
+    cell->cpu.push_back((t1 - t0) / (static_cast<double>(periods) / kPeriodsPerSecond));
+    return true;
+}
+
+double Median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const size_t n = v.size();
+    return n % 2 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
+}
+
+std::string Fmt(const char *format, double v) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, format, v);
+    return buf;
+}
+
+// Times real time per core, with enough digits to compare but not more.
+std::string Xrt(double cpu_per_second) {
+    const double x = 1.0 / cpu_per_second;
+    return Fmt(x >= 100 ? "%.0f" : x >= 10 ? "%.1f" : "%.2f", x);
+}
+
+std::string Ratio(double r) { return Fmt(r >= 10 ? "%.1f" : "%.2f", r); }
+
+void Usage() {
+    std::fprintf(stderr,
+                 "usage: e2e_alsa [--rounds N] [--seconds S] [--pairs N] [--module PATH] [--copy-module PATH]\n"
+                 "                [--system-dir DIR] [--require NAME,...] [--verbose]\n");
+}
+
+bool ParseArgs(int argc, char **argv, Options *opt) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
+        const char *v = nullptr;
+        if (a == "--verbose") {
+            opt->verbose = true;
+            continue;
+        }
+        if ((v = value()) == nullptr) return false;
+        if (a == "--rounds") opt->rounds = std::max(1, std::atoi(v));
+        else if (a == "--seconds") opt->seconds = std::max(0.02, std::atof(v));
+        else if (a == "--pairs") opt->max_pairs = std::clamp<size_t>(std::strtoul(v, nullptr, 10), 1, opt->max_pairs);
+        else if (a == "--module") opt->module = v;
+        else if (a == "--copy-module") opt->copy_module = v;
+        else if (a == "--system-dir") opt->system_dir = v;
+        else if (a == "--require") {
+            std::string list = v;
+            for (size_t pos = 0; pos <= list.size();) {
+                const size_t comma = std::min(list.find(',', pos), list.size());
+                if (comma > pos) opt->require.push_back(list.substr(pos, comma - pos));
+                pos = comma + 1;
+            }
+        } else return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options opt;
+    if (!ParseArgs(argc, argv, &opt)) {
+        Usage();
+        return 2;
+    }
+    PluginDir plugin_dir;
+    std::string error;
+    if (!plugin_dir.Create(opt, &error)) {
+        std::fprintf(stderr, "e2e_alsa: %s\n", error.c_str());
+        return 1;
+    }
+    // alsa-lib reads this once, at its first module load: set it before any snd_* call.
+    setenv("ALSA_PLUGIN_DIR", plugin_dir.path().c_str(), 1);
+
+    const size_t num_pairs = opt.max_pairs;
+    std::vector<std::vector<int16_t>> signals;
+    for (size_t p = 0; p < num_pairs; ++p) signals.push_back(MakeSignal(kPairs[p].in));
+
+    // cells[pair][converter]; rounds interleave every pair and converter, and
+    // the converter order rotates per round so none always runs first.
+    std::vector<std::vector<Cell>> cells(num_pairs, std::vector<Cell>(kNumConverters));
+    for (int r = 0; r < opt.rounds; ++r) {
+        for (size_t p = 0; p < num_pairs; ++p) {
+            for (size_t k = 0; k < kNumConverters; ++k) {
+                const size_t c = (k + static_cast<size_t>(r)) % kNumConverters;
+                Cell &cell = cells[p][c];
+                if (r > 0 && cell.cpu.empty()) continue;  // failed in round 0; reason kept
+                if (!Measure(kConverters[c], kPairs[p], signals[p], opt.seconds, &cell, opt.verbose) && r > 0)
+                    cell.cpu.clear();  // a converter that fails midway is reported as failed
+            }
+        }
+        std::fprintf(stderr, "e2e_alsa: round %d of %d done\n", r + 1, opt.rounds);
+    }
+
+    // ---- Report ---------------------------------------------------------
+    std::printf("Engine of rsmplrate: %s. Stereo S16, 20 ms periods, `null` slave; %d rounds of %.2f s of audio "
+                "per converter and rate pair, interleaved.\n\n",
+                BenchEngineName(), opt.rounds, opt.seconds);
+
+    std::printf("#### Times real time per core (median, min to max over rounds; higher is cheaper)\n\n");
+    std::printf("| Rate pair |");
+    for (const Converter &c : kConverters) std::printf(" %s |", c.label);
+    std::printf("\n|---|");
+    for (size_t c = 0; c < kNumConverters; ++c) std::printf("---:|");
+    std::printf("\n");
+    for (size_t p = 0; p < num_pairs; ++p) {
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+        for (size_t c = 0; c < kNumConverters; ++c) {
+            const Cell &cell = cells[p][c];
+            if (cell.cpu.empty()) {
+                std::printf(" n/a |");
+                continue;
+            }
+            const auto [lo, hi] = std::minmax_element(cell.cpu.begin(), cell.cpu.end());
+            std::printf(" %s (%s–%s) |", Xrt(Median(cell.cpu)).c_str(), Xrt(*hi).c_str(), Xrt(*lo).c_str());
+        }
+        std::printf("\n");
+    }
+
+    std::printf("\n#### CPU time per second of audio, µs (median; in brackets, above the copy floor)\n\n| Rate pair |");
+    for (const Converter &c : kConverters) std::printf(" %s |", c.label);
+    std::printf("\n|---|");
+    for (size_t c = 0; c < kNumConverters; ++c) std::printf("---:|");
+    std::printf("\n");
+    for (size_t p = 0; p < num_pairs; ++p) {
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+        const Cell &floor = cells[p][kFloor];
+        for (size_t c = 0; c < kNumConverters; ++c) {
+            const Cell &cell = cells[p][c];
+            if (cell.cpu.empty()) {
+                std::printf(" n/a |");
+                continue;
+            }
+            std::printf(" %s", Fmt("%.1f", 1e6 * Median(cell.cpu)).c_str());
+            if (c != kFloor && !floor.cpu.empty())
+                std::printf(" [%s]", Fmt("%.1f", 1e6 * (Median(cell.cpu) - Median(floor.cpu))).c_str());
+            std::printf(" |");
+        }
+        std::printf("\n");
+    }
+
+    // Ratios per round (the same round measured both), so drift of the
+    // machine between rounds cancels; then median, min and max of those.
+    std::printf("\n#### rsmplrate against each peer: peer CPU time / rsmplrate CPU time (median, min to max over "
+                "rounds; above 1 means rsmplrate is cheaper)\n\n| Rate pair |");
+    for (size_t c = 0; c < kNumConverters; ++c)
+        if (c != kOurs && c != kFloor) std::printf(" vs %s |", kConverters[c].label);
+    std::printf("\n|---|");
+    for (size_t c = 2; c < kNumConverters; ++c) std::printf("---:|");
+    std::printf("\n");
+    for (size_t p = 0; p < num_pairs; ++p) {
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+        const Cell &ours = cells[p][kOurs];
+        for (size_t c = 0; c < kNumConverters; ++c) {
+            if (c == kOurs || c == kFloor) continue;
+            const Cell &peer = cells[p][c];
+            const size_t n = std::min(ours.cpu.size(), peer.cpu.size());
+            if (n == 0) {
+                std::printf(" n/a |");
+                continue;
+            }
+            std::vector<double> ratios;
+            for (size_t r = 0; r < n; ++r) ratios.push_back(peer.cpu[r] / ours.cpu[r]);
+            const auto [lo, hi] = std::minmax_element(ratios.begin(), ratios.end());
+            std::printf(" %s (%s–%s) |", Ratio(Median(ratios)).c_str(), Ratio(*lo).c_str(), Ratio(*hi).c_str());
+        }
+        std::printf("\n");
+    }
+
+    std::printf("\n#### Which converter ran (from snd_pcm_dump)\n\n| Rate pair | rsmplrate |\n|---|---|\n");
+    for (size_t p = 0; p < num_pairs; ++p)
+        std::printf("| %s → %s | %s |\n", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str(),
+                    cells[p][kOurs].dump_line.empty() ? "n/a" : cells[p][kOurs].dump_line.c_str());
+    std::printf("\nEvery other measured cell was checked the same way: ");
+    for (size_t c = 1; c < kNumConverters; ++c) std::printf("%s`%s`", c > 1 ? ", " : "", kConverters[c].marker);
+    std::printf(".\n");
+
+    int status = 0;
+    bool any_failure = false;
+    for (size_t p = 0; p < num_pairs; ++p)
+        for (size_t c = 0; c < kNumConverters; ++c)
+            if (cells[p][c].cpu.empty()) any_failure = true;
+    if (any_failure) {
+        std::printf("\nCould not be measured:\n\n");
+        for (size_t p = 0; p < num_pairs; ++p)
+            for (size_t c = 0; c < kNumConverters; ++c)
+                if (cells[p][c].cpu.empty())
+                    std::printf("- %s, %s → %s: %s\n", kConverters[c].label, RateText(kPairs[p].in).c_str(),
+                                RateText(kPairs[p].out).c_str(), cells[p][c].failure.c_str());
+    }
+    for (const std::string &name : opt.require) {
+        bool found = false;
+        for (size_t c = 0; c < kNumConverters; ++c) {
+            if (name != kConverters[c].name) continue;
+            found = true;
+            for (size_t p = 0; p < num_pairs; ++p) {
+                if (cells[p][c].cpu.empty()) {
+                    std::fprintf(stderr, "e2e_alsa: required converter %s not measured for %u -> %u: %s\n",
+                                 name.c_str(), kPairs[p].in, kPairs[p].out, cells[p][c].failure.c_str());
+                    status = 1;
+                }
+            }
+        }
+        if (!found) {
+            std::fprintf(stderr, "e2e_alsa: unknown converter %s\n", name.c_str());
+            status = 2;
+        }
+    }
+    return status;
+}

@@ -1,0 +1,472 @@
+/*
+ * Rate converter for alsa-lib's rate PCM plug-in: libasound_module_rate_rsmplrate.so
+ *
+ * Exact ratios of 2, 3 and 6 (either direction) go through the RSMPL polyphase
+ * FIR stages, one context per channel; everything else, equal rates included,
+ * goes through a linear interpolator whose ratio is `pitch`, unsigned Q19
+ * (0x80000 = 1.0).
+ *
+ * alsa-lib calls: open; init; adjust_pitch; reset; convert_s16 once per period
+ * (with input_frames/output_frames in between); free; init again or close.
+ * Audio is interleaved signed 16-bit, sample k of channel c at k * channels + c.
+ */
+#include <alsa/asoundlib.h>
+#include <alsa/pcm_rate.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "rsmpl/rsmpl.h"
+
+#define RSMPL_MAX_CHANNELS 4
+#define RSMPL_SAMPLE_BUF_SAMPLES 1440
+#define RSMPL_RATE_MIN 8000
+#define RSMPL_RATE_MAX 48000
+#define LINEAR_DIV 0x80000u /* 1.0 in Q19 */
+#define LINEAR_SHIFT 19
+
+/* Interface version of the table below; a host of 0x010001 knows only its first nine slots. */
+#define RSMPL_OPS_VERSION 0x010002
+#define RSMPL_OPS_VERSION_OLD 0x010001
+
+/* Name reported to snd_lib_error, independent of where the tree was built. */
+static const char rsmpl_file[] = "src/rate_rsmpl.cpp";
+
+typedef void (*rsmpl_convert_fn)(void *obj, int16_t *dst, unsigned int dst_frames,
+                                 const int16_t *src, unsigned int src_frames);
+
+struct rsmpl_rate {
+	uint32_t factor;      /* N of the FIR path (2, 3, 6); 0 on the linear path */
+	int32_t up_index;     /* RSMPL_Up stage index, -1 when unused */
+	int32_t down_index;   /* RSMPL_Down stage index, -1 when unused */
+	uint32_t pitch;       /* output / input, Q19 */
+	uint32_t pitch_shift; /* smallest s with (pitch >> s) < 65536, for the expander */
+	uint32_t channels;
+	RSMPL_Ctx *rsmpl_ctx[RSMPL_MAX_CHANNELS];
+	int16_t *sample_buf;  /* 1440 samples: FIR chunk in place, or the expander's last samples */
+	rsmpl_convert_fn convert_fn;
+	char desc[64];
+};
+
+/* Every division here yields 0 for a zero divisor (zero rate, period or pitch). */
+static inline uint32_t div_u32(uint32_t a, uint32_t b)
+{
+	return b ? a / b : 0;
+}
+
+static inline uint64_t div_u64(uint64_t a, uint64_t b)
+{
+	return b ? a / b : 0;
+}
+
+/* Bits 16..31 of a sum formed in 32-bit wrap-around arithmetic, as a sample. */
+static inline int16_t high_half(uint32_t sum)
+{
+	return (int16_t)(uint16_t)(sum >> 16);
+}
+
+/* ---- FIR path -------------------------------------------------------------- */
+
+/*
+ * A chunk the stage refuses (only when the host's period breaks the stage's
+ * block-length rules) comes out as silence on that channel, and the channel's
+ * history stays as it was. Output never goes past dst_frames: what does not
+ * fit is converted (so the history stays continuous) but dropped, and reported
+ * once per call.
+ */
+static void rsmplrate_Up(void *obj, int16_t *dst, unsigned int dst_frames,
+                         const int16_t *src, unsigned int src_frames)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+	const uint32_t n = rate->factor;
+	const uint32_t channels = rate->channels;
+	uint32_t remaining = src_frames;
+	uint32_t room = dst_frames;
+	bool overflow = false;
+
+	if (src_frames == 0)
+		return;
+	while (remaining > 0) {
+		uint32_t chunk = remaining > div_u32(RSMPL_SAMPLE_BUF_SAMPLES, n) ?
+			div_u32(960, n) : remaining;
+		if (chunk == 0) /* n above 960: not a FIR factor, nothing sensible to do */
+			return;
+		const uint32_t out = n * chunk;
+		const uint32_t keep = out < room ? out : room;
+		if (keep < out)
+			overflow = true;
+		for (uint32_t c = 0; c < channels; c++) {
+			int16_t *buf = rate->sample_buf;
+			for (uint32_t k = 0; k < chunk; k++)
+				buf[k] = src[k * channels + c];
+			if (RSMPL_Up(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, (uint32_t)rate->up_index) != RSMPL_OK)
+				memset(buf, 0, out * sizeof(*buf));
+			for (uint32_t k = 0; k < keep; k++)
+				dst[k * channels + c] = buf[k];
+		}
+		src += (size_t)chunk * channels;
+		dst += (size_t)keep * channels;
+		room -= keep;
+		remaining -= chunk;
+	}
+	if (overflow)
+		snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "dst_frames overflow");
+}
+
+static void rsmplrate_Down(void *obj, int16_t *dst, unsigned int dst_frames,
+                           const int16_t *src, unsigned int src_frames)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+	const uint32_t n = rate->factor;
+	const uint32_t channels = rate->channels;
+	uint32_t remaining = src_frames;
+	uint32_t room = dst_frames;
+	bool overflow = false;
+
+	if (src_frames == 0)
+		return;
+	while (remaining > 0) {
+		/* 960 is a multiple of 4 and of 6, so large blocks split into valid chunks. */
+		uint32_t chunk = remaining > RSMPL_SAMPLE_BUF_SAMPLES ? 960 : remaining;
+		const uint32_t out = n <= chunk ? div_u32(chunk, n) : 0;
+		const uint32_t keep = out < room ? out : room;
+		if (keep < out)
+			overflow = true;
+		for (uint32_t c = 0; c < channels; c++) {
+			int16_t *buf = rate->sample_buf;
+			for (uint32_t k = 0; k < chunk; k++)
+				buf[k] = src[k * channels + c];
+			if (RSMPL_Down(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, (uint32_t)rate->down_index) != RSMPL_OK)
+				memset(buf, 0, out * sizeof(*buf));
+			for (uint32_t k = 0; k < keep; k++)
+				dst[k * channels + c] = buf[k];
+		}
+		src += (size_t)chunk * channels;
+		dst += (size_t)keep * channels;
+		room -= keep;
+		remaining -= chunk;
+	}
+	if (overflow)
+		snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "dst_frames overflow");
+}
+
+/* ---- Linear path ----------------------------------------------------------- */
+
+/*
+ * Output above input rate. Writes exactly dst_frames frames and reads at most
+ * src_frames; a shortage of input holds the last sample. Each call restarts
+ * the fractional position: its first frame is the previous call's last input.
+ *
+ * f is Q16: pos < pitch < 2^(16 + pitch_shift), so pos << (16 - pitch_shift)
+ * fits in 32 bits. old * (65536 - f) + new * f is a convex combination of two
+ * 16-bit samples scaled by 2^16, so it stays within -2^31..2^31 - 2^16; it is
+ * still formed in unsigned arithmetic so that no input can make it undefined.
+ */
+static void src_linear_expand_s16(void *obj, int16_t *dst, unsigned int dst_frames,
+                                  const int16_t *src, unsigned int src_frames)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+	const uint32_t channels = rate->channels;
+	const uint32_t pitch = rate->pitch;
+	const uint32_t shift = rate->pitch_shift < 16 ? rate->pitch_shift : 16;
+	const uint32_t step = pitch >> shift;
+
+	for (uint32_t c = 0; c < channels; c++) {
+		int16_t new_sample = rate->sample_buf[c];
+		int16_t old_sample = 0;
+		uint32_t pos = pitch;
+		uint32_t fetched = 0;
+		int16_t *out = dst + c;
+
+		for (uint32_t k = 0; k < dst_frames; k++) {
+			if (pos >= pitch) {
+				pos -= pitch;
+				old_sample = new_sample;
+				if (fetched < src_frames)
+					new_sample = src[(size_t)fetched * channels + c];
+			}
+			const uint32_t f = div_u32(pos << (16 - shift), step);
+			const uint32_t sum = (uint32_t)old_sample * (65536u - f) + (uint32_t)new_sample * f;
+			*out = high_half(sum);
+			out += channels;
+			pos += LINEAR_DIV;
+			if (pos >= pitch)
+				fetched++;
+		}
+		rate->sample_buf[c] = new_sample;
+	}
+}
+
+/*
+ * Output at or below input rate. Reads all src_frames frames and writes the
+ * frames that fall due, at most dst_frames per channel. No state is carried:
+ * input frame 0 of every call yields an output equal to itself.
+ */
+static void src_linear_shrink_s16(void *obj, int16_t *dst, unsigned int dst_frames,
+                                  const int16_t *src, unsigned int src_frames)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+	const uint32_t channels = rate->channels;
+	const uint32_t pitch = rate->pitch;
+	const uint32_t step = pitch >> 3;
+
+	if (src_frames == 0)
+		return;
+	for (uint32_t c = 0; c < channels; c++) {
+		int16_t old_sample = 0;
+		uint32_t pos = LINEAR_DIV - pitch;
+		uint32_t written = 0;
+		const int16_t *in = src + c;
+		int16_t *out = dst + c;
+
+		for (uint32_t i = 0; i < src_frames; i++) {
+			const int16_t new_sample = *in;
+			in += channels;
+			pos += pitch;
+			if (pos >= LINEAR_DIV) {
+				const uint32_t over = pos - LINEAR_DIV;
+				const uint32_t f = div_u32(over << 13, step);
+				const uint32_t sum = (uint32_t)new_sample * (65536u - f) + (uint32_t)old_sample * f;
+				if (written == dst_frames) {
+					snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "dst_frames overflow");
+					break;
+				}
+				*out = high_half(sum);
+				out += channels;
+				written++;
+				pos = over;
+			}
+			old_sample = new_sample;
+		}
+	}
+}
+
+/* Input frames for `frames` output frames: frames / ratio, rounded half up. */
+static snd_pcm_uframes_t pcm_rsmpl_input_frames(void *obj, snd_pcm_uframes_t frames)
+{
+	const struct rsmpl_rate *rate = (const struct rsmpl_rate *)obj;
+
+	if (frames == 0)
+		return 0;
+	return div_u64((uint64_t)(rate->pitch >> 1) + ((uint64_t)frames << LINEAR_SHIFT), rate->pitch);
+}
+
+/* Output frames for `frames` input frames: frames * ratio, rounded half up. */
+static snd_pcm_uframes_t pcm_rsmpl_output_frames(void *obj, snd_pcm_uframes_t frames)
+{
+	const struct rsmpl_rate *rate = (const struct rsmpl_rate *)obj;
+
+	if (frames == 0)
+		return 0;
+	return ((uint64_t)frames * rate->pitch + (LINEAR_DIV >> 1)) >> LINEAR_SHIFT;
+}
+
+/*
+ * Refines pitch so that the host's output period maps back to exactly its
+ * input period, stepping pitch by one unit until it does. A zero period size
+ * would never meet the other (the count stays 0), and a pitch about to wrap
+ * around 32 bits has tried every value: both end with -EIO.
+ */
+static int pcm_rsmpl_adjust_pitch(void *obj, snd_pcm_rate_info_t *info)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+	const snd_pcm_uframes_t in = info->in.period_size;
+	const snd_pcm_uframes_t out = info->out.period_size;
+	snd_pcm_uframes_t count;
+
+	if (in == 0 || out == 0)
+		goto invalid;
+	rate->pitch = (uint32_t)div_u64((uint64_t)(in >> 1) + ((uint64_t)out << LINEAR_SHIFT), in);
+	count = pcm_rsmpl_input_frames(rate, out);
+	while (count != in) {
+		const snd_pcm_uframes_t prev = count;
+		if (prev > in) {
+			if (rate->pitch == UINT32_MAX)
+				goto invalid;
+			rate->pitch++;
+		} else {
+			if (rate->pitch == 0)
+				goto invalid;
+			rate->pitch--;
+		}
+		count = pcm_rsmpl_input_frames(rate, out);
+		if ((prev > in && count < in) || (prev < in && count > in))
+			goto invalid;
+	}
+	if (rate->pitch >= LINEAR_DIV) {
+		uint32_t shift = 0;
+		while ((rate->pitch >> shift) >= 65536)
+			shift++;
+		rate->pitch_shift = shift;
+	}
+	return 0;
+
+invalid:
+	snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "invalid pcm period_size %ld -> %ld",
+		      (long)in, (long)out);
+	return -EIO;
+}
+
+/* ---- Lifecycle ------------------------------------------------------------- */
+
+static void pcm_rsmpl_free(void *obj)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+
+	for (int c = 0; c < RSMPL_MAX_CHANNELS; c++) {
+		free(rate->rsmpl_ctx[c]);
+		rate->rsmpl_ctx[c] = NULL;
+	}
+	free(rate->sample_buf);
+	rate->sample_buf = NULL;
+}
+
+static int pcm_rsmpl_init(void *obj, snd_pcm_rate_info_t *info)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+	const uint32_t in_rate = info->in.rate;
+	const uint32_t out_rate = info->out.rate;
+
+	if (info->channels > RSMPL_MAX_CHANNELS ||
+	    info->in.format != SND_PCM_FORMAT_S16_LE ||
+	    info->out.format != SND_PCM_FORMAT_S16_LE)
+		return -EINVAL;
+
+	rate->pitch = (uint32_t)div_u64((uint64_t)(in_rate >> 1) + ((uint64_t)out_rate << LINEAR_SHIFT), in_rate);
+	rate->channels = info->channels;
+
+	free(rate->sample_buf);
+	rate->sample_buf = (int16_t *)malloc(RSMPL_SAMPLE_BUF_SAMPLES * sizeof(int16_t));
+	if (rate->sample_buf == NULL)
+		return -ENOMEM;
+
+	for (int c = 0; c < RSMPL_MAX_CHANNELS; c++) {
+		free(rate->rsmpl_ctx[c]);
+		rate->rsmpl_ctx[c] = NULL;
+	}
+	for (uint32_t c = 0; c < rate->channels; c++) {
+		rate->rsmpl_ctx[c] = (RSMPL_Ctx *)malloc(RSMPL_GetContextSize());
+		if (rate->rsmpl_ctx[c] == NULL)
+			return -ENOMEM;
+		RSMPL_InitContext(rate->rsmpl_ctx[c]);
+	}
+
+	rate->up_index = -1;
+	rate->down_index = -1;
+	if (in_rate < out_rate) {
+		const uint32_t q = div_u32(out_rate, in_rate);
+		const int32_t index = q == 2 ? 1 : q == 3 ? 2 : q == 6 ? 4 : -1;
+		if (q * in_rate == out_rate && index >= 0) {
+			rate->factor = q;
+			rate->up_index = index;
+			rate->convert_fn = rsmplrate_Up;
+			snprintf(rate->desc, sizeof(rate->desc), "FIR filter, UP %d -> %d", (int)in_rate, (int)out_rate);
+		} else {
+			rate->factor = 0;
+			rate->convert_fn = src_linear_expand_s16;
+			snprintf(rate->desc, sizeof(rate->desc), "Linear, UP %d -> %d", (int)in_rate, (int)out_rate);
+		}
+	} else {
+		const uint32_t q = div_u32(in_rate, out_rate);
+		const int32_t index = q == 2 ? 1 : q == 3 ? 2 : q == 6 ? 4 : -1;
+		if (q * out_rate == in_rate && index >= 0) {
+			rate->factor = q;
+			rate->down_index = index;
+			rate->convert_fn = rsmplrate_Down;
+			snprintf(rate->desc, sizeof(rate->desc), "FIR filter, DOWN %d -> %d", (int)in_rate, (int)out_rate);
+		} else {
+			rate->factor = 0;
+			rate->convert_fn = src_linear_shrink_s16;
+			snprintf(rate->desc, sizeof(rate->desc), "Linear, DOWN %d -> %d", (int)in_rate, (int)out_rate);
+		}
+	}
+	return 0;
+}
+
+static void pcm_rsmpl_reset(void *obj)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+
+	for (uint32_t c = 0; c < rate->channels; c++)
+		if (rate->rsmpl_ctx[c] != NULL)
+			RSMPL_Reset(rate->rsmpl_ctx[c]);
+	if (rate->sample_buf != NULL)
+		memset(rate->sample_buf, 0, rate->channels * sizeof(int16_t));
+}
+
+/* The host calls free first: the contexts and the sample buffer are gone by now. */
+static void pcm_rsmpl_close(void *obj)
+{
+	free(obj);
+}
+
+static void pcm_rsmpl_convert_s16(void *obj, int16_t *dst, unsigned int dst_frames,
+                                  const int16_t *src, unsigned int src_frames)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
+
+	/* Before a successful init there is nothing to convert with. */
+	if (rate->convert_fn == NULL || rate->sample_buf == NULL)
+		return;
+	rate->convert_fn(obj, dst, dst_frames, src, src_frames);
+}
+
+/* Only the client rate is limited by this; the slave side keeps its own range. */
+static int get_supported_rates(void *obj, unsigned int *rate_min, unsigned int *rate_max)
+{
+	(void)obj;
+	*rate_min = RSMPL_RATE_MIN;
+	*rate_max = RSMPL_RATE_MAX;
+	return 0;
+}
+
+static void dump(void *obj, snd_output_t *out)
+{
+	const struct rsmpl_rate *rate = (const struct rsmpl_rate *)obj;
+
+	snd_output_printf(out, "RSMPL Converter: %s\n", rate->desc);
+}
+
+static const snd_pcm_rate_ops_t pcm_rsmpl_ops = {
+	.close = pcm_rsmpl_close,
+	.init = pcm_rsmpl_init,
+	.free = pcm_rsmpl_free,
+	.reset = pcm_rsmpl_reset,
+	.adjust_pitch = pcm_rsmpl_adjust_pitch,
+	.convert = NULL,
+	.convert_s16 = pcm_rsmpl_convert_s16,
+	.input_frames = pcm_rsmpl_input_frames,
+	.output_frames = pcm_rsmpl_output_frames,
+	.version = RSMPL_OPS_VERSION,
+	.get_supported_rates = get_supported_rates,
+	.dump = dump,
+	.get_supported_formats = NULL, /* beyond version 0x010002: the host never reads it */
+};
+
+/* The host's table may be of an older layout: never write past the part it knows. */
+static_assert(sizeof(snd_pcm_rate_old_ops_t) == offsetof(snd_pcm_rate_ops_t, version),
+	      "the 0x010001 table ends where version begins");
+static_assert(sizeof(snd_pcm_rate_v2_ops_t) == offsetof(snd_pcm_rate_ops_t, get_supported_formats),
+	      "the 0x010002 table ends before get_supported_formats");
+
+extern "C" __attribute__((visibility("default")))
+int _snd_pcm_rate_rsmplrate_open(unsigned int version, void **objp, snd_pcm_rate_ops_t *ops)
+{
+	struct rsmpl_rate *rate = (struct rsmpl_rate *)calloc(1, sizeof(*rate));
+
+	if (rate == NULL)
+		return -ENOMEM;
+	rate->factor = 1;
+	rate->up_index = -1;
+	rate->down_index = -1;
+	*objp = rate;
+	if (version == RSMPL_OPS_VERSION_OLD)
+		memcpy(ops, &pcm_rsmpl_ops, sizeof(snd_pcm_rate_old_ops_t));
+	else
+		memcpy(ops, &pcm_rsmpl_ops, sizeof(snd_pcm_rate_v2_ops_t));
+	return 0;
+}

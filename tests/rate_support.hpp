@@ -1,0 +1,99 @@
+// Helpers shared by the tests of the alsa-lib module and its tools: the FIR
+// path computed through the resampler interface, shell commands, WAV files.
+#pragma once
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "rsmpl/rsmpl.h"
+
+namespace rsmpl_test {
+
+// What the module's FIR path must produce: the resampler interface, one
+// context per channel, fed the given chunks of interleaved frames in order.
+// A chunk the stage refuses comes out as silence and is counted.
+class FirReference {
+public:
+    FirReference(unsigned channels, bool up, unsigned factor)
+        : ctx_(channels, std::vector<uint8_t>(RSMPL_GetContextSize())), up_(up), factor_(factor) {
+        for (auto &c : ctx_) RSMPL_InitContext(reinterpret_cast<RSMPL_Ctx *>(c.data()));
+    }
+    std::vector<int16_t> run(const std::vector<int16_t> &src, const std::vector<unsigned> &chunks) {
+        const size_t channels = ctx_.size();
+        const uint32_t index = factor_ == 2 ? RSMPL_STAGE_2 : factor_ == 3 ? RSMPL_STAGE_3 : RSMPL_STAGE_6;
+        std::vector<int16_t> out;
+        size_t frame = 0;
+        for (unsigned chunk : chunks) {
+            const size_t produced = up_ ? size_t{chunk} * factor_ : chunk / factor_;
+            std::vector<int16_t> block(produced * channels);
+            for (size_t c = 0; c < channels; ++c) {
+                std::vector<int16_t> in(chunk), res(std::max<size_t>(produced, chunk) + 16);
+                for (size_t k = 0; k < chunk; ++k) in[k] = src[(frame + k) * channels + c];
+                auto *cx = reinterpret_cast<RSMPL_Ctx *>(ctx_[c].data());
+                const auto n = static_cast<int32_t>(chunk);
+                if ((up_ ? RSMPL_Up(cx, in.data(), res.data(), n, index)
+                         : RSMPL_Down(cx, in.data(), res.data(), n, index)) != RSMPL_OK) {
+                    std::fill(res.begin(), res.end(), int16_t{0});
+                    ++refused;
+                }
+                for (size_t k = 0; k < produced; ++k) block[k * channels + c] = res[k];
+            }
+            out.insert(out.end(), block.begin(), block.end());
+            frame += chunk;
+        }
+        return out;
+    }
+    // Whole periods of `period` frames; a partial last period is left out.
+    std::vector<int16_t> periods(const std::vector<int16_t> &src, unsigned period) {
+        return run(src, std::vector<unsigned>(src.size() / ctx_.size() / period, period));
+    }
+    int refused = 0;
+
+private:
+    std::vector<std::vector<uint8_t>> ctx_;
+    bool up_;
+    unsigned factor_;
+};
+
+struct Cmd {
+    int status = -1;
+    std::string output;  // stdout and stderr together
+};
+
+inline Cmd sh(const std::string &cmd) {
+    Cmd r;
+    FILE *p = popen((cmd + " 2>&1").c_str(), "r");
+    if (p == nullptr) return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), p)) > 0) r.output.append(buf, n);
+    const int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+// A canonical PCM WAV; with 24 bits every sample is the 16-bit value shifted up.
+inline void write_wav(const std::string &path, unsigned rate, unsigned channels, unsigned bits,
+                      const std::vector<int16_t> &s) {
+    std::ofstream f(path, std::ios::binary);
+    auto put = [&](uint32_t v, int bytes) {
+        for (int i = 0; i < bytes; ++i) f.put(static_cast<char>(v >> (8 * i)));
+    };
+    const uint32_t bytes = static_cast<uint32_t>(s.size() * bits / 8);
+    f.write("RIFF", 4);
+    put(36 + bytes, 4);
+    f.write("WAVEfmt ", 8);
+    put(16, 4), put(1, 2), put(channels, 2), put(rate, 4), put(rate * channels * bits / 8, 4);
+    put(channels * bits / 8, 2), put(bits, 2);
+    f.write("data", 4);
+    put(bytes, 4);
+    for (int16_t v : s) put(static_cast<uint32_t>(static_cast<uint16_t>(v)) << (bits - 16), bits / 8);
+}
+
+}  // namespace rsmpl_test
