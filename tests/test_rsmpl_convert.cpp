@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "rate_support.hpp"
+#include "rsmpl/engine.hpp"
 #include "support.hpp"
 
 namespace fs = std::filesystem;
@@ -94,6 +95,20 @@ TEST_F(RsmplConvert, LinearPathAndOtherConverters) {
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("Converter: linear-interpolation"), std::string::npos) << r.output;
     EXPECT_EQ(read_wav(path("lin.wav")).samples.size(), 48000u);
+}
+
+// --verbose names the engine the library chose, honouring RSMPL_ENGINE.
+TEST_F(RsmplConvert, VerboseNamesTheKernelEngine) {
+    write_wav(path("in.wav"), 16000, 1, 16, hostile_samples(1600, 5));
+    for (const rsmpl::KernelSet *k : rsmpl::available_kernels()) {
+        const rsmpl_test::Cmd r = rsmpl_test::sh(std::string("RSMPL_ENGINE=") + k->name + " ALSA_PLUGIN_DIR='" RSMPL_BINARY_DIR
+                                                 "/alsa-lib' '" RSMPL_BINARY_DIR "/tools/rsmpl-convert' -q -v -r 48000 '" +
+                                                 path("in.wav") + "' '" + path("out.wav") + "'");
+        ASSERT_EQ(r.status, 0) << r.output;
+        EXPECT_NE(r.output.find(std::string("kernel engine ") + k->name + "\n"), std::string::npos) << r.output;
+    }
+    const rsmpl_test::Cmd quiet = run("-q -r 48000 '" + path("in.wav") + "' '" + path("out.wav") + "'");
+    EXPECT_EQ(quiet.output.find("kernel engine"), std::string::npos) << quiet.output;
 }
 
 TEST_F(RsmplConvert, LongFilesShowProgress) {
