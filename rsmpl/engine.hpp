@@ -19,6 +19,7 @@
 #include <span>
 
 #include "rsmpl/downsample_kernels.hpp"
+#include "rsmpl/linear_kernels.hpp"
 #include "rsmpl/upsample.hpp"
 
 namespace rsmpl {
@@ -35,6 +36,8 @@ struct KernelSet {
     up::Engine up;
     down::Kernels down;
     SincSum sinc;
+    LinearExpand linear_expand;
+    LinearShrink linear_shrink;
 };
 
 // The set in use, chosen once (thread-safe) at the first call.

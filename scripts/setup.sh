@@ -18,7 +18,8 @@ if ! dpkg --print-foreign-architectures | grep -qx arm64; then
   [ "$(id -u)" -ne 0 ] && as_root=(sudo)
   "${as_root[@]}" dpkg --add-architecture arm64
 fi
-pkgs+=(g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libasound2-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
+pkgs+=(g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libasound2-dev:arm64 libsndfile1-dev:arm64
+      libgtest-dev:arm64 libgmock-dev:arm64)
 
 missing=()
 for p in "${pkgs[@]}"; do

@@ -14,6 +14,7 @@
 
 #include "rsmpl/engine.hpp"
 #include "rsmpl/fir_layout.hpp"
+#include "rsmpl/linear_kernels.hpp"
 #include "rsmpl/rsmpl.h"
 #include "rsmpl/sinc_kernel.hpp"
 #include "support.hpp"
@@ -398,5 +399,66 @@ TEST(SincEngine, FullScaleSamplesWrapAlike) {
                     }
         }
 }
+
+
+// ---- Linear converter ------------------------------------------------------------
+
+namespace linear {
+
+uint32_t shift_for(uint32_t pitch) {
+    uint32_t s = 0;
+    while ((pitch >> s) >= 65536) ++s;
+    return s;
+}
+
+// Output over input rate of the pairs the plug-in meets, and odd ones.
+const uint32_t kExpandPitches[] = {570532, 0x80001, 0x100000, 0x180000, 0x300000, 0x400000, 0x7FFFFF, 0x93BD7};
+const uint32_t kShrinkPitches[] = {0x80000, 0x7FFFF, 87381, 174763, 0x40000, 0x2C1F2, 0x10000, 1};
+
+TEST(LinearEngine, ExpandMatchesScalarForEveryChannelCountAndShortage) {
+    for (const KernelSet *e : vector_engines())
+        for (uint32_t pitch : kExpandPitches)
+            for (uint32_t channels = 0; channels <= 5; ++channels)
+                for (uint32_t src_frames : {0u, 1u, 7u, 160u, 441u})
+                    for (uint32_t dst_frames : {0u, 1u, 480u, 1024u}) {
+                        const Samples src = rsmpl_test::hostile_samples(src_frames * channels + 1, pitch + channels);
+                        int16_t last_want[5] = {INT16_MIN, INT16_MAX, -1, 7, 0}, last_got[5];
+                        std::copy(last_want, last_want + 5, last_got);
+                        Guarded<int16_t> want(dst_frames * channels), got(dst_frames * channels);
+                        rsmpl::linear_expand_scalar(src.data(), src_frames, want.data(), dst_frames, channels, pitch,
+                                                    shift_for(pitch), last_want);
+                        e->linear_expand(src.data(), src_frames, got.data(), dst_frames, channels, pitch,
+                                         shift_for(pitch), last_got);
+                        ASSERT_TRUE(same(got.data(), want.data(), dst_frames * channels))
+                            << e->name << ", pitch " << pitch << ", " << channels << " ch, " << src_frames << " -> "
+                            << dst_frames;
+                        ASSERT_TRUE(std::equal(last_want, last_want + 5, last_got)) << e->name;
+                        ASSERT_TRUE(got.guard_intact());
+                    }
+}
+
+TEST(LinearEngine, ShrinkMatchesScalarIncludingOverflow) {
+    for (const KernelSet *e : vector_engines())
+        for (uint32_t pitch : kShrinkPitches)
+            for (uint32_t channels = 0; channels <= 5; ++channels)
+                for (uint32_t src_frames : {0u, 1u, 5u, 960u, 1441u})
+                    for (uint32_t dst_frames : {0u, 1u, 320u, 1441u}) {
+                        const Samples src = rsmpl_test::hostile_samples(src_frames * channels + 1, pitch ^ channels);
+                        Guarded<int16_t> want(dst_frames * channels), got(dst_frames * channels);
+                        std::fill(want.data(), want.data() + want.size(), int16_t{0x5A5A});
+                        std::fill(got.data(), got.data() + got.size(), int16_t{0x5A5A});
+                        const bool over_want = rsmpl::linear_shrink_scalar(src.data(), src_frames, want.data(),
+                                                                           dst_frames, channels, pitch);
+                        const bool over_got =
+                            e->linear_shrink(src.data(), src_frames, got.data(), dst_frames, channels, pitch);
+                        ASSERT_EQ(over_got, over_want) << e->name << ", pitch " << pitch;
+                        ASSERT_TRUE(same(got.data(), want.data(), dst_frames * channels))
+                            << e->name << ", pitch " << pitch << ", " << channels << " ch, " << src_frames << " -> "
+                            << dst_frames;
+                        ASSERT_TRUE(got.guard_intact());
+                    }
+}
+
+}  // namespace linear
 
 }  // namespace
