@@ -1,6 +1,8 @@
-// The one place that names the arithmetic engine the benchmarks measure.
-// Only the scalar kernels exist so far; when vector kernels arrive, answer
-// here with whatever the library selected (e.g. "neon", "avx2").
+// The one place that names the arithmetic engine the benchmarks measure:
+// the kernel set the library chose (rsmpl/engine.hpp), which RSMPL_ENGINE
+// can force. The module loaded for the plug-in benchmarks chooses alike.
 #pragma once
 
-inline const char *BenchEngineName() { return "scalar"; }
+#include "rsmpl/engine.hpp"
+
+inline const char *BenchEngineName() { return rsmpl::engine_name(); }

@@ -8,6 +8,7 @@
 #include "rsmpl/context.hpp"
 #include "rsmpl/downsample_kernels.hpp"
 #include "rsmpl/downsample_tables.hpp"
+#include "rsmpl/engine.hpp"
 #include "rsmpl/rsmpl.h"
 #include "util/fixed.hpp"
 #include "util/rsmpl_util.h"
@@ -50,13 +51,9 @@ void decimate3to2(const int16_t *x, int16_t *out, int32_t count) {
     }
 }
 
-struct Kernels {
-    Kernel fir2to1, fir3to1, fir4to1, fir6to1, fir3to2;
-};
-
 // The one dispatch point: exported kernels and stage wrappers take their
-// implementation from here. A vector build puts its variants here.
-constexpr Kernels kActive{fir2to1_scalar, fir3to1_scalar, fir4to1_scalar, fir6to1_scalar, fir3to2_scalar};
+// implementation from the engine in use.
+const Kernels &active() { return kernels().down; }
 
 // The stage wrapper, the same five steps for every stage:
 //  1. frame[0 .. H-1] = history
@@ -102,26 +99,26 @@ using namespace rsmpl::down;
 
 extern "C" {
 
-void DownsampleFIR2To1(const int16_t *x, int16_t *out, int32_t count) { kActive.fir2to1(x, out, count); }
-void DownsampleFIR3To1(const int16_t *x, int16_t *out, int32_t count) { kActive.fir3to1(x, out, count); }
-void DownsampleFIR4To1(const int16_t *x, int16_t *out, int32_t count) { kActive.fir4to1(x, out, count); }
-void DownsampleFIR6To1(const int16_t *x, int16_t *out, int32_t count) { kActive.fir6to1(x, out, count); }
-void DownsampleFIR3To2(const int16_t *x, int16_t *out, int32_t count) { kActive.fir3to2(x, out, count); }
+void DownsampleFIR2To1(const int16_t *x, int16_t *out, int32_t count) { active().fir2to1(x, out, count); }
+void DownsampleFIR3To1(const int16_t *x, int16_t *out, int32_t count) { active().fir3to1(x, out, count); }
+void DownsampleFIR4To1(const int16_t *x, int16_t *out, int32_t count) { active().fir4to1(x, out, count); }
+void DownsampleFIR6To1(const int16_t *x, int16_t *out, int32_t count) { active().fir6to1(x, out, count); }
+void DownsampleFIR3To2(const int16_t *x, int16_t *out, int32_t count) { active().fir3to2(x, out, count); }
 
 void Downsample1_2(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To2>(kActive.fir2to1, in, out, ctx, n);
+    run_stage<kGeom1To2>(active().fir2to1, in, out, ctx, n);
 }
 void Downsample1_3(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To3>(kActive.fir3to1, in, out, ctx, n);
+    run_stage<kGeom1To3>(active().fir3to1, in, out, ctx, n);
 }
 void Downsample1_4(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To4>(kActive.fir4to1, in, out, ctx, n);
+    run_stage<kGeom1To4>(active().fir4to1, in, out, ctx, n);
 }
 void Downsample1_6(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To6>(kActive.fir6to1, in, out, ctx, n);
+    run_stage<kGeom1To6>(active().fir6to1, in, out, ctx, n);
 }
 void Downsample2_3(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom2To3>(kActive.fir3to2, in, out, ctx, n);
+    run_stage<kGeom2To3>(active().fir3to2, in, out, ctx, n);
 }
 
 }  // extern "C"

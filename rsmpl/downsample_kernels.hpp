@@ -1,7 +1,7 @@
 // Scalar reference kernels of the decimation stages. The exported
-// DownsampleFIR* functions reach an implementation through one dispatch
-// point in downsample.cpp; a vector kernel goes there and is tested
-// against these.
+// DownsampleFIR* functions and the stage wrappers take their kernels from the
+// engine in use (rsmpl/engine.hpp); every vector kernel is tested against
+// these.
 #pragma once
 
 #include <cstdint>
@@ -15,5 +15,10 @@ void fir3to1_scalar(const int16_t *x, int16_t *out, int32_t count);
 void fir4to1_scalar(const int16_t *x, int16_t *out, int32_t count);
 void fir6to1_scalar(const int16_t *x, int16_t *out, int32_t count);
 void fir3to2_scalar(const int16_t *x, int16_t *out, int32_t count);
+
+// The five kernels of one engine.
+struct Kernels {
+    Kernel fir2to1, fir3to1, fir4to1, fir6to1, fir3to2;
+};
 
 }  // namespace rsmpl::down

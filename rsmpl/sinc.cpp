@@ -28,6 +28,7 @@
 #include <cstring>
 
 #include "rsmpl/context.hpp"
+#include "rsmpl/engine.hpp"
 #include "rsmpl/rsmpl.h"
 #include "rsmpl/sinc_kernel.hpp"
 #include "util/fixed.hpp"
@@ -95,6 +96,7 @@ uint32_t filter_block(RSMPL_Ctx &c, const int16_t *in, int16_t *out, uint32_t co
     const uint32_t gain = c.gain;
     const uint32_t p0 = c.position;
     const int shift = rsmpl::headroomShift[step >> 24];
+    const rsmpl::SincSum sum = rsmpl::kernels().sinc;
     int16_t *x = c.samples;
 
     UTIL_Memcpy(x + 2 * h + 1, in, count * sizeof(int16_t));
@@ -117,8 +119,8 @@ uint32_t filter_block(RSMPL_Ctx &c, const int16_t *in, int16_t *out, uint32_t co
             const int64_t rightLast = last - centre < h ? last - centre : h;
             uint32_t acc = 0;
             if (leftFirst <= h)
-                acc = rsmpl::sinc_accumulate_scalar(x, static_cast<int32_t>(centre), static_cast<int32_t>(leftFirst),
-                                                    h, static_cast<int32_t>(rightLast), t0, tableStep, shift);
+                acc = sum(x, static_cast<int32_t>(centre), static_cast<int32_t>(leftFirst), h,
+                          static_cast<int32_t>(rightLast), t0, tableStep, shift);
             out[k++] = finish_output(acc, gain, shift);
             // Every position from the block start, so rounding never accumulates.
             p = p0 + rsmpl::sinc_advance(step, k);

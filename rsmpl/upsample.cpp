@@ -4,9 +4,9 @@
 #include "rsmpl/upsample.hpp"
 
 #include <cstring>
-#include <iterator>
 
 #include "rsmpl/context.hpp"
+#include "rsmpl/engine.hpp"
 #include "rsmpl/rsmpl.h"
 #include "rsmpl/upsample_tables.hpp"
 #include "util/fixed.hpp"
@@ -41,16 +41,17 @@ void fir_ref(const int16_t (&c)[Phases][N], const int16_t *x, int16_t *out, int3
     }
 }
 
-void fir2to3_ref(const int16_t *x, int16_t *out, int32_t count) { fir_ref<2>(kFir2To3, x, out, count); }
-void fir1to2_ref(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To2, x, out, count); }
-void fir1to3_ref(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To3, x, out, count); }
-void fir1to4_ref(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To4, x, out, count); }
-void fir1to6_ref(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To6, x, out, count); }
+}  // namespace
 
-constexpr Engine kEngines[] = {
-    {"scalar", fir2to3_ref, fir1to2_ref, fir1to3_ref, fir1to4_ref, fir1to6_ref},
-};
-constexpr const Engine &kActive = kEngines[std::size(kEngines) - 1];
+void fir2to3_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<2>(kFir2To3, x, out, count); }
+void fir1to2_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To2, x, out, count); }
+void fir1to3_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To3, x, out, count); }
+void fir1to4_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To4, x, out, count); }
+void fir1to6_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To6, x, out, count); }
+
+const Engine &active_engine() { return kernels().up; }
+
+namespace {
 
 // ---- Stage wrappers ----------------------------------------------------------
 
@@ -94,7 +95,7 @@ constexpr uint32_t bytes(int32_t samples) { return static_cast<uint32_t>(samples
 template <Stage S>
 void run_stage(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
     constexpr int32_t H = S.history;
-    const Kernel kernel = kActive.*S.kernel;
+    const Kernel kernel = active_engine().*S.kernel;
     const int32_t m = n < S.tail ? n : S.tail;
     const int32_t k = n - m;
     int16_t frame[H + S.tail];
@@ -116,8 +117,16 @@ void run_stage(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
 
 }  // namespace
 
-std::span<const Engine> engines() { return kEngines; }
-const Engine &active_engine() { return kActive; }
+std::span<const Engine> engines() {
+    static const struct List {
+        Engine items[4];
+        size_t n = 0;
+        List() {
+            for (const KernelSet *k : available_kernels()) items[n++] = k->up;
+        }
+    } list;
+    return {list.items, list.n};
+}
 
 }  // namespace rsmpl::up
 
@@ -125,11 +134,11 @@ using namespace rsmpl::up;
 
 extern "C" {
 
-void UpsampleFIR2To3(const int16_t *x, int16_t *out, int32_t count) { kActive.fir2to3(x, out, count); }
-void UpsampleFIR1To2(const int16_t *x, int16_t *out, int32_t count) { kActive.fir1to2(x, out, count); }
-void UpsampleFIR1To3(const int16_t *x, int16_t *out, int32_t count) { kActive.fir1to3(x, out, count); }
-void UpsampleFIR1To4(const int16_t *x, int16_t *out, int32_t count) { kActive.fir1to4(x, out, count); }
-void UpsampleFIR1To6(const int16_t *x, int16_t *out, int32_t count) { kActive.fir1to6(x, out, count); }
+void UpsampleFIR2To3(const int16_t *x, int16_t *out, int32_t count) { active_engine().fir2to3(x, out, count); }
+void UpsampleFIR1To2(const int16_t *x, int16_t *out, int32_t count) { active_engine().fir1to2(x, out, count); }
+void UpsampleFIR1To3(const int16_t *x, int16_t *out, int32_t count) { active_engine().fir1to3(x, out, count); }
+void UpsampleFIR1To4(const int16_t *x, int16_t *out, int32_t count) { active_engine().fir1to4(x, out, count); }
+void UpsampleFIR1To6(const int16_t *x, int16_t *out, int32_t count) { active_engine().fir1to6(x, out, count); }
 
 void Upsample3_2(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp3_2>(in, out, ctx, n); }
 void Upsample2_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp2_1>(in, out, ctx, n); }

@@ -19,13 +19,20 @@ struct Engine {
     Kernel fir2to3, fir1to2, fir1to3, fir1to4, fir1to6;
 };
 
-// Every engine built into the library, the scalar reference first. The scalar
-// engine is the definition of the arithmetic; a vector engine lives in its own
-// source file, is listed after it, and must match it bit for bit. The tests
-// run every engine listed here.
+// Every engine this machine can run (rsmpl/engine.hpp), the scalar reference
+// first. The scalar engine is the definition of the arithmetic; a vector
+// engine lives in its own source file and must match it bit for bit. The
+// tests run every engine listed here.
 std::span<const Engine> engines();
 
-// The engine behind the exported kernels and the wrappers: the last listed.
+// The engine behind the exported kernels and the wrappers.
 const Engine &active_engine();
+
+// The scalar reference kernels.
+void fir2to3_scalar(const int16_t *x, int16_t *out, int32_t count);
+void fir1to2_scalar(const int16_t *x, int16_t *out, int32_t count);
+void fir1to3_scalar(const int16_t *x, int16_t *out, int32_t count);
+void fir1to4_scalar(const int16_t *x, int16_t *out, int32_t count);
+void fir1to6_scalar(const int16_t *x, int16_t *out, int32_t count);
 
 }  // namespace rsmpl::up

@@ -139,5 +139,7 @@ no \`-march\` (baseline SSE2, which it may use to auto-vectorise).
 
 EOF
 cat "$tmp/kernels.md"
+# Hand-written notes on the targets, kept beside the generated tables.
+[ -f docs/performance-targets.md ] && cat docs/performance-targets.md
 } >"$out"
 echo "bench: wrote $out" >&2

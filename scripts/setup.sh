@@ -12,6 +12,16 @@ pkgs=(
   clang libclang-rt-14-dev valgrind  # fuzzing (libFuzzer) and leak checks
 )
 
+# AArch64 cross build and its emulator (scripts/test.sh): Debian's cross
+# compiler, qemu-user, and the arm64 libraries from the multiarch archive.
+if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  as_root=()
+  [ "$(id -u)" -ne 0 ] && as_root=(sudo)
+  "${as_root[@]}" dpkg --add-architecture arm64
+fi
+pkgs+=(g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libasound2-dev:arm64 libsndfile1-dev:arm64
+      libgtest-dev:arm64 libgmock-dev:arm64)
+
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs, builds and runs the whole test suite: a normal build, a build
-# with AddressSanitizer and UndefinedBehaviorSanitizer, and the threaded tests
-# under ThreadSanitizer.
+# with AddressSanitizer and UndefinedBehaviorSanitizer, the threaded tests
+# under ThreadSanitizer, the alsa-lib tests under valgrind, the suite again for
+# every other kernel engine, the AArch64 cross build under qemu-user, and a
+# bounded run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -28,6 +30,28 @@ for t in test_plugin_ops test_plugin_hostile test_plugin_leaks test_plugin_alsa;
   valgrind -q --leak-check=full --errors-for-leak-kinds=definite --error-exitcode=1 \
     "./build/tests/$t" --gtest_brief=1
 done
+
+# Kernel engines: the normal build's suite once more for every other engine
+# this machine runs (the run above used the best), each forced through
+# RSMPL_ENGINE. Then the AArch64 cross build, its whole suite under qemu-user,
+# with the NEON kernels and with the scalar ones. The normal build has soaked
+# every path for hours already; these reruns push two minutes per path.
+export RSMPL_SOAK_SECONDS=120
+for engine in $(./build/tools/rsmpl-engines); do
+  [ "$engine" = "$(./build/tools/rsmpl-engines --active)" ] && continue
+  echo "test: engine $engine"
+  RSMPL_ENGINE=$engine ctest --test-dir build --output-on-failure -j "$jobs"
+done
+
+cmake -S . -B build-aarch64 -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRSMPL_BUILD_BENCH=OFF
+cmake --build build-aarch64 -j "$jobs"
+for engine in neon scalar; do
+  echo "test: aarch64 under qemu-user, engine $engine"
+  RSMPL_ENGINE=$engine ctest --test-dir build-aarch64 --output-on-failure -j "$jobs"
+done
+
+unset RSMPL_SOAK_SECONDS
 
 # Fuzzing: every libFuzzer target for a bounded time (RSMPL_FUZZ_SECONDS
 # each, 40 by default), from its kept corpus and regressions.

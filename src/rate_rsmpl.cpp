@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "rsmpl/engine.hpp"
 #include "rsmpl/rsmpl.h"
 
 #define RSMPL_MAX_CHANNELS 4
@@ -61,12 +62,6 @@ static inline uint32_t div_u32(uint32_t a, uint32_t b)
 static inline uint64_t div_u64(uint64_t a, uint64_t b)
 {
 	return b ? a / b : 0;
-}
-
-/* Bits 16..31 of a sum formed in 32-bit wrap-around arithmetic, as a sample. */
-static inline int16_t high_half(uint32_t sum)
-{
-	return (int16_t)(uint16_t)(sum >> 16);
 }
 
 /* ---- FIR path -------------------------------------------------------------- */
@@ -160,89 +155,35 @@ static void rsmplrate_Down(void *obj, int16_t *dst, unsigned int dst_frames,
  * Output above input rate. Writes exactly dst_frames frames and reads at most
  * src_frames; a shortage of input holds the last sample. Each call restarts
  * the fractional position: its first frame is the previous call's last input.
- *
- * f is Q16: pos < pitch < 2^(16 + pitch_shift), so pos << (16 - pitch_shift)
- * fits in 32 bits. old * (65536 - f) + new * f is a convex combination of two
- * 16-bit samples scaled by 2^16, so it stays within -2^31..2^31 - 2^16; it is
- * still formed in unsigned arithmetic so that no input can make it undefined.
+ * The inner loops are the kernel engine's (rsmpl/linear_kernels.hpp); the
+ * last-sample memory is the first `channels` entries of sample_buf.
  */
 static void src_linear_expand_s16(void *obj, int16_t *dst, unsigned int dst_frames,
                                   const int16_t *src, unsigned int src_frames)
 {
 	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
-	const uint32_t channels = rate->channels;
-	const uint32_t pitch = rate->pitch;
 	const uint32_t shift = rate->pitch_shift < 16 ? rate->pitch_shift : 16;
-	const uint32_t step = pitch >> shift;
 
-	for (uint32_t c = 0; c < channels; c++) {
-		int16_t new_sample = rate->sample_buf[c];
-		int16_t old_sample = 0;
-		uint32_t pos = pitch;
-		uint32_t fetched = 0;
-		int16_t *out = dst + c;
-
-		for (uint32_t k = 0; k < dst_frames; k++) {
-			if (pos >= pitch) {
-				pos -= pitch;
-				old_sample = new_sample;
-				if (fetched < src_frames)
-					new_sample = src[(size_t)fetched * channels + c];
-			}
-			const uint32_t f = div_u32(pos << (16 - shift), step);
-			const uint32_t sum = (uint32_t)old_sample * (65536u - f) + (uint32_t)new_sample * f;
-			*out = high_half(sum);
-			out += channels;
-			pos += LINEAR_DIV;
-			if (pos >= pitch)
-				fetched++;
-		}
-		rate->sample_buf[c] = new_sample;
-	}
+	rsmpl::kernels().linear_expand(src, src_frames, dst, dst_frames, rate->channels, rate->pitch, shift,
+				       rate->sample_buf);
 }
 
 /*
  * Output at or below input rate. Reads all src_frames frames and writes the
  * frames that fall due, at most dst_frames per channel. No state is carried:
- * input frame 0 of every call yields an output equal to itself.
+ * input frame 0 of every call yields an output equal to itself. When more
+ * fall due than fit, every channel stops at dst_frames: one report each.
  */
 static void src_linear_shrink_s16(void *obj, int16_t *dst, unsigned int dst_frames,
                                   const int16_t *src, unsigned int src_frames)
 {
 	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
-	const uint32_t channels = rate->channels;
-	const uint32_t pitch = rate->pitch;
-	const uint32_t step = pitch >> 3;
 
 	if (src_frames == 0)
 		return;
-	for (uint32_t c = 0; c < channels; c++) {
-		int16_t old_sample = 0;
-		uint32_t pos = LINEAR_DIV - pitch;
-		uint32_t written = 0;
-		const int16_t *in = src + c;
-		int16_t *out = dst + c;
-
-		for (uint32_t i = 0; i < src_frames; i++) {
-			const int16_t new_sample = *in;
-			in += channels;
-			pos += pitch;
-			if (pos >= LINEAR_DIV) {
-				const uint32_t over = pos - LINEAR_DIV;
-				const uint32_t f = div_u32(over << 13, step);
-				const uint32_t sum = (uint32_t)new_sample * (65536u - f) + (uint32_t)old_sample * f;
-				if (written == dst_frames) {
-					snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "dst_frames overflow");
-					break;
-				}
-				*out = high_half(sum);
-				out += channels;
-				written++;
-				pos = over;
-			}
-			old_sample = new_sample;
-		}
-	}
+	if (rsmpl::kernels().linear_shrink(src, src_frames, dst, dst_frames, rate->channels, rate->pitch))
+		for (uint32_t c = 0; c < rate->channels; c++)
+			snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "dst_frames overflow");
 }
 
 /* Input frames for `frames` output frames: frames / ratio, rounded half up. */

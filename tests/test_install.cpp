@@ -5,6 +5,7 @@
 // through the pkg-config file.
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -122,10 +123,10 @@ TEST_F(Installed, ProgramsBuildAgainstThePkgConfigFile) {
                           "}\n";
     const std::string flags = "$(PKG_CONFIG_PATH='" + pc_.parent_path().string() + "' pkg-config --cflags --libs rsmpl)";
     const std::string sanitize = kSanitized ? " -fsanitize=address,undefined" : "";
-    const Cmd build = sh("cc -std=c99 -Wall -Werror" + sanitize + " '" + src.string() + "' -o '" +
+    const Cmd build = sh(std::string(RSMPL_TARGET_CC) + " -std=c99 -Wall -Werror" + sanitize + " '" + src.string() + "' -o '" +
                          (stage_ / "use_rsmpl").string() + "' " + flags);
     ASSERT_EQ(build.status, 0) << build.output;
-    const Cmd run = sh("'" + (stage_ / "use_rsmpl").string() + "'");
+    const Cmd run = sh("${RSMPL_EMULATOR:-} '" + (stage_ / "use_rsmpl").string() + "'");
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(run.output, "3336 0 0\n");
 }
@@ -136,6 +137,7 @@ TEST_F(Installed, ProgramsBuildAgainstThePkgConfigFile) {
 // cannot load a sanitized module.
 TEST_F(Installed, AplayPlaysThroughTheDefinitionAndTheDefaultConverterSetting) {
     if (kSanitized) GTEST_SKIP() << "aplay cannot load a sanitizer-built module";
+    if (std::getenv("RSMPL_EMULATOR") != nullptr) GTEST_SKIP() << "the host's aplay cannot load the target's module";
     if (sh("command -v aplay").status != 0) GTEST_SKIP() << "aplay not installed";
     ASSERT_FALSE(conf_.empty());
     struct Case { const char *extra, *device; unsigned rate; const char *line; uintmax_t min_bytes, max_bytes; };

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "rate_support.hpp"
+#include "rsmpl/engine.hpp"
 #include "support.hpp"
 
 namespace fs = std::filesystem;
@@ -47,9 +48,11 @@ Wav read_wav(const fs::path &path) {
     return w;
 }
 
-rsmpl_test::Cmd run(const std::string &args) {
-    return rsmpl_test::sh("ALSA_PLUGIN_DIR='" RSMPL_BINARY_DIR "/alsa-lib' '" RSMPL_BINARY_DIR "/tools/rsmpl-convert' " +
-                          args);
+rsmpl_test::Cmd run(const std::string &args, const char *engine = nullptr) {
+    const std::string forced = engine != nullptr ? std::string("RSMPL_ENGINE=") + engine + " " : "";
+    // ${RSMPL_EMULATOR}: the emulator of a cross build, empty otherwise.
+    return rsmpl_test::sh(forced + "ALSA_PLUGIN_DIR='" RSMPL_BINARY_DIR "/alsa-lib' ${RSMPL_EMULATOR:-} '" RSMPL_BINARY_DIR
+                          "/tools/rsmpl-convert' " + args);
 }
 
 class RsmplConvert : public ::testing::Test {
@@ -94,6 +97,19 @@ TEST_F(RsmplConvert, LinearPathAndOtherConverters) {
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("Converter: linear-interpolation"), std::string::npos) << r.output;
     EXPECT_EQ(read_wav(path("lin.wav")).samples.size(), 48000u);
+}
+
+// --verbose names the engine the library chose, honouring RSMPL_ENGINE.
+TEST_F(RsmplConvert, VerboseNamesTheKernelEngine) {
+    write_wav(path("in.wav"), 16000, 1, 16, hostile_samples(1600, 5));
+    for (const rsmpl::KernelSet *k : rsmpl::available_kernels()) {
+        const rsmpl_test::Cmd r =
+            run(std::string("-q -v -r 48000 '") + path("in.wav") + "' '" + path("out.wav") + "'", k->name);
+        ASSERT_EQ(r.status, 0) << r.output;
+        EXPECT_NE(r.output.find(std::string("kernel engine ") + k->name + "\n"), std::string::npos) << r.output;
+    }
+    const rsmpl_test::Cmd quiet = run("-q -r 48000 '" + path("in.wav") + "' '" + path("out.wav") + "'");
+    EXPECT_EQ(quiet.output.find("kernel engine"), std::string::npos) << quiet.output;
 }
 
 TEST_F(RsmplConvert, LongFilesShowProgress) {

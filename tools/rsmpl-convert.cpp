@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "rsmpl/engine.hpp"
+
 namespace {
 
 constexpr unsigned kRateMin = 8000;
@@ -57,6 +59,7 @@ struct Options {
     std::string input;
     std::string output;
     bool quiet = false;
+    bool verbose = false;
 };
 
 [[noreturn]] void fail(const std::string &message) {
@@ -67,7 +70,7 @@ struct Options {
 
 void usage(FILE *to) {
     std::fprintf(to,
-                 "usage: %s -r RATE [--converter NAME] [-q] INPUT OUTPUT\n"
+                 "usage: %s -r RATE [--converter NAME] [-q] [-v] INPUT OUTPUT\n"
                  "\n"
                  "Converts INPUT (WAV, FLAC, AIFF, ... with 8- or 16-bit samples, or A-law/u-law)\n"
                  "to RATE Hz through alsa-lib's rate plug-in and writes OUTPUT as 16-bit PCM in\n"
@@ -77,6 +80,7 @@ void usage(FILE *to) {
                  "      --converter NAME   alsa-lib rate converter (default rsmplrate; also\n"
                  "                         linear, speexrate, samplerate, ... when installed)\n"
                  "  -q, --quiet            no progress display\n"
+                 "  -v, --verbose          also name the kernel engine (RSMPL_ENGINE forces one)\n"
                  "  -h, --help             this text\n"
                  "\n"
                  "alsa-lib loads converter NAME from libasound_module_rate_NAME.so in its plug-in\n"
@@ -126,6 +130,8 @@ Options parse_args(int argc, char **argv) {
             o.converter = a.substr(12);
         } else if (a == "-q" || a == "--quiet") {
             o.quiet = true;
+        } else if (a == "-v" || a == "--verbose") {
+            o.verbose = true;
         } else if (a.size() > 1 && a[0] == '-') {
             usage_error("unknown option '" + a + "'");
         } else {
@@ -239,6 +245,8 @@ struct Progress {
 
 int main(int argc, char **argv) {
     const Options opt = parse_args(argc, argv);
+    // The module makes the same choice from the same processor and environment.
+    if (opt.verbose) std::fprintf(stderr, "%s: kernel engine %s\n", g_prog, rsmpl::engine_name());
 
     SF_INFO in_info{};
     SNDFILE *in = g_res.in = sf_open(opt.input.c_str(), SFM_READ, &in_info);

@@ -1,0 +1,114 @@
+// Chooses the kernel set once per process: the best this machine runs, or
+// the one RSMPL_ENGINE names when it can run it.
+#include "rsmpl/engine.hpp"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "rsmpl/sinc_kernel.hpp"
+
+namespace rsmpl {
+
+const KernelSet kScalarKernels{
+    EngineId::scalar,
+    "scalar",
+    {"scalar", up::fir2to3_scalar, up::fir1to2_scalar, up::fir1to3_scalar, up::fir1to4_scalar, up::fir1to6_scalar},
+    {down::fir2to1_scalar, down::fir3to1_scalar, down::fir4to1_scalar, down::fir6to1_scalar, down::fir3to2_scalar},
+    sinc_accumulate_scalar,
+    linear_expand_scalar,
+    linear_shrink_scalar,
+};
+
+namespace {
+
+constexpr const char *kNames[] = {"scalar", "sse41", "avx2", "neon"};
+
+bool cpu_runs(EngineId id) {
+    switch (id) {
+    case EngineId::scalar:
+        return true;
+#if defined(__x86_64__)
+    // The checks include the operating system's support for the wider registers.
+    case EngineId::sse41:
+        return __builtin_cpu_supports("sse4.1");
+    case EngineId::avx2:
+        return __builtin_cpu_supports("avx2");
+#endif
+#if defined(__aarch64__)
+    case EngineId::neon:
+        return true;
+#endif
+    default:
+        return false;
+    }
+}
+
+// Every set compiled into this build, in order of preference, worst first.
+const KernelSet *const kBuilt[] = {
+    &kScalarKernels,
+#if defined(__x86_64__)
+    &kSse41Kernels,
+    &kAvx2Kernels,
+#endif
+#if defined(__aarch64__)
+    &kNeonKernels,
+#endif
+};
+constexpr size_t kBuiltCount = sizeof kBuilt / sizeof kBuilt[0];
+
+struct Available {
+    const KernelSet *sets[kBuiltCount];
+    size_t n = 0;
+    Available() {
+        for (const KernelSet *k : kBuilt)
+            if (cpu_runs(k->id)) sets[n++] = k;
+    }
+};
+
+const Available &available() {
+    static const Available a;
+    return a;
+}
+
+}  // namespace
+
+bool parse_engine(const char *name, EngineId *id) {
+    if (name == nullptr) return false;
+    for (size_t i = 0; i < sizeof kNames / sizeof kNames[0]; ++i)
+        if (std::strcmp(name, kNames[i]) == 0) {
+            *id = static_cast<EngineId>(i);
+            return true;
+        }
+    return false;
+}
+
+std::span<const KernelSet *const> available_kernels() {
+    const Available &a = available();
+    return {a.sets, a.n};
+}
+
+const KernelSet *find_kernels(EngineId id) {
+    for (const KernelSet *k : available_kernels())
+        if (k->id == id) return k;
+    return nullptr;
+}
+
+const KernelSet &choose_kernels(const char *requested) {
+    EngineId id;
+    if (parse_engine(requested, &id))
+        if (const KernelSet *k = find_kernels(id)) return *k;
+    return *available_kernels().back();
+}
+
+const KernelSet &kernels() {
+#if RSMPL_ENGINE_ENV
+    static const KernelSet &chosen = choose_kernels(std::getenv("RSMPL_ENGINE"));
+#else
+    static const KernelSet &chosen = choose_kernels(nullptr);
+#endif
+    return chosen;
+}
+
+const char *engine_name() { return kernels().name; }
+
+}  // namespace rsmpl

@@ -1,0 +1,464 @@
+// Every kernel engine the machine runs against the scalar reference, bit for
+// bit: the ten FIR kernels and the sinc interpolator's per-output sum, on
+// random, full-scale and sign-matched data, for counts that end inside the
+// vector body, inside the tail, and in both, in place and with separate
+// buffers. The lane bounds that make the 32-bit partial sums exact are
+// recomputed here from the compiled tables.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "rsmpl/engine.hpp"
+#include "rsmpl/fir_layout.hpp"
+#include "rsmpl/linear_kernels.hpp"
+#include "rsmpl/rsmpl.h"
+#include "rsmpl/sinc_kernel.hpp"
+#include "support.hpp"
+
+namespace {
+
+using rsmpl::KernelSet;
+using rsmpl_test::Guarded;
+using Kernel = void (*)(const int16_t *, int16_t *, int32_t);
+using Samples = std::vector<int16_t>;
+
+// ---- The layouts, type-erased -------------------------------------------------
+
+struct Layout {
+    int P, Mp, R, b0, shift, unit_in, unit_out, units_per_group, history, bins;
+    std::vector<std::vector<int32_t>> c;    // [p][i]
+    std::vector<std::vector<int32_t>> bin;  // [p][m]
+};
+
+template <class L>
+Layout view(const L &l) {
+    Layout v{L::P, L::Mp, l.R, l.b0, l.shift, l.unit_in, l.unit_out, l.units_per_group, l.history, l.bins, {}, {}};
+    for (int p = 0; p < L::P; ++p) {
+        v.c.emplace_back(l.c[p], l.c[p] + 2 * L::Mp);
+        v.bin.emplace_back(l.bin[p], l.bin[p] + L::Mp);
+    }
+    return v;
+}
+
+struct Fir {
+    const char *name;
+    Layout layout;
+    int index;                 // 0..4 up (3:2, 1:2, 1:3, 1:4, 1:6), 5..9 down (1:2, 1:3, 1:4, 1:6, 2:3)
+    bool up;
+    int tail;  // up-stage wrapper's tail length T (in-place staging); 0 for down
+};
+
+Kernel kernel_of(const KernelSet &k, int index) {
+    const Kernel all[] = {k.up.fir2to3,    k.up.fir1to2,    k.up.fir1to3,    k.up.fir1to4,    k.up.fir1to6,
+                          k.down.fir2to1, k.down.fir3to1, k.down.fir4to1, k.down.fir6to1, k.down.fir3to2};
+    return all[index];
+}
+
+const std::vector<Fir> &firs() {
+    namespace f = rsmpl::fir;
+    static const std::vector<Fir> v = {
+        {"Up3_2", view(f::kUp2To3), 0, true, 12},   {"Up2_1", view(f::kUp1To2), 1, true, 18},
+        {"Up3_1", view(f::kUp1To3), 2, true, 6},    {"Up4_1", view(f::kUp1To4), 3, true, 4},
+        {"Up6_1", view(f::kUp1To6), 4, true, 3},    {"Down1_2", view(f::kDown2To1), 5, false, 0},
+        {"Down1_3", view(f::kDown3To1), 6, false, 0}, {"Down1_4", view(f::kDown4To1), 7, false, 0},
+        {"Down1_6", view(f::kDown6To1), 8, false, 0}, {"Down2_3", view(f::kDown3To2), 9, false, 0},
+    };
+    return v;
+}
+
+int64_t units_of(const Layout &l, int32_t count) { return count < l.unit_in ? 0 : count / l.unit_in; }
+int64_t outputs_of(const Layout &l, int32_t count) { return units_of(l, count) * l.unit_out; }
+// Samples the kernel may read: x[0 .. span-1].
+int64_t span_of(const Layout &l, int32_t count) { return l.unit_in * units_of(l, count) + l.history; }
+
+// ---- Engines ---------------------------------------------------------------------
+
+std::vector<const KernelSet *> vector_engines() {
+    std::vector<const KernelSet *> v;
+    for (const KernelSet *k : rsmpl::available_kernels())
+        if (k->id != rsmpl::EngineId::scalar) v.push_back(k);
+    return v;
+}
+
+TEST(Engines, ScalarFirstAndEveryNameDistinct) {
+    const auto all = rsmpl::available_kernels();
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all.front(), &rsmpl::kScalarKernels);
+    for (size_t i = 0; i < all.size(); ++i) {
+        rsmpl::EngineId id;
+        ASSERT_TRUE(rsmpl::parse_engine(all[i]->name, &id)) << all[i]->name;
+        EXPECT_EQ(id, all[i]->id);
+        EXPECT_STREQ(all[i]->up.name, all[i]->name);
+        EXPECT_EQ(rsmpl::find_kernels(id), all[i]);
+        for (size_t j = 0; j < i; ++j) EXPECT_NE(all[i]->id, all[j]->id);
+    }
+}
+
+TEST(Engines, ForcingChoosesTheNamedEngineOrFallsBackToTheBest) {
+    const KernelSet &best = *rsmpl::available_kernels().back();
+    EXPECT_EQ(&rsmpl::choose_kernels(nullptr), &best);
+    EXPECT_EQ(&rsmpl::choose_kernels(""), &best);
+    EXPECT_EQ(&rsmpl::choose_kernels("fastest"), &best);
+    EXPECT_EQ(&rsmpl::choose_kernels("AVX2"), &best);  // names are exact
+    for (const char *name : {"scalar", "sse41", "avx2", "neon"}) {
+        rsmpl::EngineId id;
+        ASSERT_TRUE(rsmpl::parse_engine(name, &id));
+        const KernelSet *k = rsmpl::find_kernels(id);
+        EXPECT_EQ(&rsmpl::choose_kernels(name), k ? k : &best) << name;
+    }
+#if defined(__x86_64__)
+    EXPECT_EQ(rsmpl::find_kernels(rsmpl::EngineId::neon), nullptr);
+#elif defined(__aarch64__)
+    EXPECT_NE(rsmpl::find_kernels(rsmpl::EngineId::neon), nullptr);
+    EXPECT_EQ(rsmpl::find_kernels(rsmpl::EngineId::avx2), nullptr);
+#endif
+}
+
+// The process's own choice follows RSMPL_ENGINE (which scripts/test.sh sets
+// for each engine in turn) and the exported kernels use it.
+TEST(Engines, TheProcessRunsTheEngineTheEnvironmentAsksFor) {
+    const KernelSet &want = rsmpl::choose_kernels(std::getenv("RSMPL_ENGINE"));
+    EXPECT_EQ(&rsmpl::kernels(), &want);
+    EXPECT_STREQ(rsmpl::engine_name(), want.name);
+    EXPECT_EQ(rsmpl::up::active_engine().fir1to3, want.up.fir1to3);
+    std::printf("engine in use: %s\n", rsmpl::engine_name());
+}
+
+// ---- Lane bounds, from the compiled tables ------------------------------------
+
+int64_t magnitude(int64_t v) { return v < 0 ? -v : v; }
+
+// The layout is the table: the formula over the padded rows, in 64 bits,
+// gives the scalar kernel's outputs.
+TEST(LaneBounds, PaddedRowsReproduceTheScalarKernels) {
+    for (const Fir &f : firs()) {
+        const Layout &l = f.layout;
+        const int32_t count = 24 * l.unit_in * l.units_per_group + 1;
+        const Samples x = rsmpl_test::hostile_samples(static_cast<size_t>(span_of(l, count)) + 64, 5);
+        Samples want(static_cast<size_t>(outputs_of(l, count)));
+        kernel_of(rsmpl::kScalarKernels, f.index)(x.data(), want.data(), count);
+        for (size_t o = 0; o < want.size(); ++o) {
+            const int64_t t = static_cast<int64_t>(o) / l.P, p = static_cast<int64_t>(o) % l.P;
+            int64_t s = 0;
+            for (int i = 0; i < 2 * l.Mp; ++i) {
+                const int64_t at = l.b0 + 2 * l.R * t + i;
+                if (l.c[p][i] != 0) {
+                    ASSERT_LT(at, span_of(l, count)) << f.name << ": a non-zero tap past the kernel's samples";
+                    s += int64_t{l.c[p][i]} * x[static_cast<size_t>(at)];
+                }
+            }
+            const int64_t r = (s + (int64_t{1} << (l.shift - 1))) >> l.shift;
+            ASSERT_EQ(want[o], static_cast<int16_t>(std::clamp<int64_t>(r, INT16_MIN, INT16_MAX))) << f.name << ", output " << o;
+        }
+    }
+}
+
+// Each 32-bit partial sum covers the taps of one bin; their absolute values
+// must add up to less than 65536, so that 16-bit samples (down to -32768)
+// cannot carry it past 2^31 - 1.
+TEST(LaneBounds, EveryBinOfEveryRowStaysBelow65536) {
+    for (const Fir &f : firs()) {
+        const Layout &l = f.layout;
+        int64_t heaviest = 0;
+        for (int p = 0; p < l.P; ++p) {
+            std::vector<int64_t> w(static_cast<size_t>(l.bins), 0);
+            for (int m = 0; m < l.Mp; ++m) {
+                ASSERT_GE(l.bin[p][m], 0);
+                ASSERT_LT(l.bin[p][m], l.bins);
+                w[static_cast<size_t>(l.bin[p][m])] += magnitude(l.c[p][2 * m]) + magnitude(l.c[p][2 * m + 1]);
+            }
+            for (int64_t b : w) heaviest = std::max(heaviest, b);
+        }
+        EXPECT_LT(heaviest, rsmpl::fir::kLaneBound) << f.name;
+        EXPECT_LE(heaviest * 32768, int64_t{INT32_MAX}) << f.name;
+        // Also the rounding half on top of a single bin.
+        if (l.bins == 1) {
+            EXPECT_LE(heaviest * 32768 + (int64_t{1} << (l.shift - 1)), int64_t{INT32_MAX}) << f.name;
+        }
+    }
+}
+
+// The splits that would not do: a whole row in one 32-bit sum, and for the
+// 1:4 table four lanes by tap index modulo 4 (two of them reach 68016).
+TEST(LaneBounds, TheNaiveSplitsWouldOverflow) {
+    const auto &t = rsmpl::down::DownsampleCoef4To1;
+    int64_t lane[4] = {};
+    for (size_t k = 0; k < t.size(); ++k) lane[k % 4] += magnitude(t[k]);
+    EXPECT_EQ(lane[1], 68016);
+    EXPECT_EQ(lane[2], 68016);
+    EXPECT_GE(*std::max_element(lane, lane + 4), rsmpl::fir::kLaneBound);
+    int overflowing_rows = 0;
+    for (const Fir &f : firs())
+        for (int p = 0; p < f.layout.P; ++p) {
+            int64_t row = 0;
+            for (int32_t c : f.layout.c[p]) row += magnitude(c);
+            overflowing_rows += row >= rsmpl::fir::kLaneBound;
+        }
+    EXPECT_GT(overflowing_rows, 0) << "some rows need more than one 32-bit sum";
+}
+
+// ---- Kernels against the scalar reference -----------------------------------------
+
+::testing::AssertionResult same(const int16_t *got, const int16_t *want, size_t n) {
+    for (size_t i = 0; i < n; ++i)
+        if (got[i] != want[i])
+            return ::testing::AssertionFailure() << "first difference at output " << i << ": " << got[i] << ", want "
+                                                 << want[i];
+    return ::testing::AssertionSuccess();
+}
+
+// Runs kernel k over x (exactly the samples it may read, on the heap so that
+// ASan sees a read past them) with separate buffers and, for the down-stages,
+// in place; compares with the scalar kernel.
+void expect_same(const Fir &f, const KernelSet &e, const Samples &x, int32_t count, const std::string &what) {
+    const Layout &l = f.layout;
+    const size_t span = static_cast<size_t>(span_of(l, count));
+    ASSERT_LE(span, x.size());
+    const size_t n_out = static_cast<size_t>(outputs_of(l, count));
+    auto exact = std::make_unique<int16_t[]>(span);
+    std::copy(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(span), exact.get());
+
+    Samples want(n_out);
+    kernel_of(rsmpl::kScalarKernels, f.index)(exact.get(), want.data(), count);
+
+    Guarded<int16_t> out(n_out);
+    kernel_of(e, f.index)(exact.get(), out.data(), count);
+    EXPECT_TRUE(same(out.data(), want.data(), n_out)) << f.name << ", " << e.name << ", count " << count << ", " << what;
+    EXPECT_TRUE(out.guard_intact()) << f.name << ", " << e.name << ", count " << count;
+    EXPECT_TRUE(std::equal(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(span), exact.get()))
+        << "input changed";
+
+    if (!f.up) {
+        // Down-stages may write over their own input.
+        kernel_of(e, f.index)(exact.get(), exact.get(), count);
+        EXPECT_TRUE(same(exact.get(), want.data(), n_out)) << f.name << ", " << e.name << ", in place, count " << count;
+    } else {
+        // Up-stages run in place from the staging area at the end of the
+        // wrapper's output, T inputs before its end (see the stage wrappers).
+        const int32_t group = l.unit_in;
+        const int32_t n = count + f.tail;
+        const int64_t scratch = int64_t{n} / group * l.unit_out + n % group;
+        const int64_t staged_at = scratch - count - l.history;
+        if (count < group || staged_at < 0) return;  // the wrapper never stages such a count
+        Guarded<int16_t> buf(static_cast<size_t>(scratch));
+        std::copy(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(span), buf.data() + staged_at);
+        kernel_of(e, f.index)(buf.data() + staged_at, buf.data(), count);
+        EXPECT_TRUE(same(buf.data(), want.data(), n_out)) << f.name << ", " << e.name << ", in place, count " << count;
+        EXPECT_TRUE(buf.guard_intact());
+    }
+}
+
+class FirEngine : public ::testing::TestWithParam<size_t> {
+protected:
+    const Fir &f = firs()[GetParam()];
+};
+
+// Counts from nothing up past several vector blocks and chunks: some end in
+// the vector body, some are all tail, most are both.
+std::vector<int32_t> counts_for(const Layout &l) {
+    std::vector<int32_t> v;
+    const int32_t group = l.unit_in * l.units_per_group;
+    for (int32_t c = -1; c <= 40 * group; ++c) v.push_back(c);
+    for (int32_t c : {64 * group - 1, 64 * group, 64 * group + 1, 127 * group, 128 * group + l.unit_in, 480, 721,
+                      960, 1440})
+        v.push_back(c);
+    return v;
+}
+
+TEST_P(FirEngine, RandomAndFullScaleInputEveryCount) {
+    const Layout &l = f.layout;
+    for (const KernelSet *e : vector_engines())
+        for (int32_t count : counts_for(l)) {
+            const size_t span = static_cast<size_t>(span_of(l, std::max(count, 0)));
+            EXPECT_NO_FATAL_FAILURE(
+                expect_same(f, *e, rsmpl_test::random_samples(span, 17 + static_cast<uint32_t>(count)), count, "random"));
+            EXPECT_NO_FATAL_FAILURE(
+                expect_same(f, *e, rsmpl_test::hostile_samples(span, 91 + static_cast<uint32_t>(count)), count, "hostile"));
+        }
+}
+
+TEST_P(FirEngine, ConstantExtremes) {
+    const Layout &l = f.layout;
+    for (const KernelSet *e : vector_engines())
+        for (int16_t v : {int16_t{INT16_MIN}, int16_t{INT16_MAX}, int16_t{-1}, int16_t{0}})
+            for (int32_t count : {l.unit_in, 7 * l.unit_in, 333, 1440}) {
+                const Samples x(static_cast<size_t>(span_of(l, count)), v);
+                EXPECT_NO_FATAL_FAILURE(expect_same(f, *e, x, count, "constant " + std::to_string(v)));
+            }
+}
+
+// Windows whose signs follow a row: every bin of that row reaches its largest
+// magnitude at once. Placed on the first group, on groups in the middle and on
+// the last one, so they meet the vector body and the tail.
+TEST_P(FirEngine, SignMatchedFullScaleWindows) {
+    const Layout &l = f.layout;
+    for (const KernelSet *e : vector_engines())
+        for (int32_t count : {2 * l.unit_in * l.units_per_group, 37 * l.unit_in * l.units_per_group + l.unit_in, 1440}) {
+            const int64_t groups = (units_of(l, count) + l.units_per_group - 1) / l.units_per_group;
+            for (int p = 0; p < l.P; ++p)
+                for (int64_t t : {int64_t{0}, groups / 2, groups - 1})
+                    for (int sign : {1, -1}) {
+                        const size_t span = static_cast<size_t>(span_of(l, count));
+                        Samples x = rsmpl_test::random_samples(span, static_cast<uint32_t>(p * 7 + t));
+                        for (int i = 0; i < 2 * l.Mp; ++i) {
+                            const int64_t at = l.b0 + 2 * l.R * t + i;
+                            if (l.c[p][i] == 0 || at >= static_cast<int64_t>(span)) continue;
+                            x[static_cast<size_t>(at)] = (l.c[p][i] > 0) == (sign > 0) ? INT16_MAX : INT16_MIN;
+                        }
+                        EXPECT_NO_FATAL_FAILURE(expect_same(f, *e, x, count,
+                                                            "phase " + std::to_string(p) + ", group " +
+                                                                std::to_string(t) + ", sign " + std::to_string(sign)));
+                    }
+        }
+}
+
+// With every sample at the sign of its tap, the heaviest rows pass 2^31 in
+// their exact sum; the scalar kernel (64-bit) saturates, and so must the
+// vector ones (same comparison, spelt out for the first group).
+TEST_P(FirEngine, HeaviestRowsSaturateInsteadOfWrapping) {
+    const Layout &l = f.layout;
+    const int32_t count = 40 * l.unit_in * l.units_per_group;
+    for (int p = 0; p < l.P; ++p) {
+        int64_t row = 0;
+        for (int32_t c : l.c[p]) row += magnitude(c);
+        if (row * 32768 >> l.shift < 32768) continue;  // cannot reach full scale
+        for (const KernelSet *e : rsmpl::available_kernels()) {
+            Samples x(static_cast<size_t>(span_of(l, count)), 0);
+            for (int i = 0; i < 2 * l.Mp; ++i)
+                if (l.c[p][i] != 0) x[static_cast<size_t>(l.b0 + i)] = l.c[p][i] > 0 ? INT16_MAX : INT16_MIN;
+            Samples out(static_cast<size_t>(outputs_of(l, count)));
+            kernel_of(*e, f.index)(x.data(), out.data(), count);
+            EXPECT_EQ(out[static_cast<size_t>(p)], INT16_MAX) << f.name << ", " << e->name << ", phase " << p;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllKernels, FirEngine, ::testing::Range<size_t>(0, 10),
+                         [](const auto &info) { return std::string(firs()[info.param].name); });
+
+// ---- Sinc interpolator's sum ----------------------------------------------------
+
+struct SincCall {
+    int32_t c, left_first, left_last, right_last;
+    uint32_t t0, table_step;
+    int shift;
+};
+
+TEST(SincEngine, EveryTapLayoutAndRatioMatchesTheScalarSum) {
+    std::mt19937 rng(3);
+    Samples x = rsmpl_test::hostile_samples(RSMPL_HISTORY_SAMPLES, 8);
+    std::vector<SincCall> calls;
+    // Table steps of ratios 8 .. 1/8 (128 entries per sample down to 16), odd
+    // fractional steps included; half-lengths 13 .. 104; centres near both ends.
+    const uint32_t steps[] = {0x800000u, 0x7FFFFFu, 0x400000u, 0x2AAAABu, 0x1D6666u, 0x100000u, 0x754321u};
+    for (uint32_t T : steps)
+        for (int32_t h : {1, 7, 13, 26, 39, 104})
+            for (int shift = 0; shift <= 3; ++shift)
+                for (int rep = 0; rep < 6; ++rep) {
+                    const int32_t c = h + static_cast<int32_t>(rng() % static_cast<uint32_t>(RSMPL_HISTORY_SAMPLES - 2 * h));
+                    const uint32_t f = rng() & 0xFFFFu;
+                    const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * T) >> 16);
+                    const int32_t left_first = rep == 1 ? static_cast<int32_t>(rng() % static_cast<uint32_t>(h + 1)) : 0;
+                    const int32_t right_last = rep == 2 ? static_cast<int32_t>(rng() % static_cast<uint32_t>(h + 1)) : h;
+                    calls.push_back({c, left_first, h, right_last, rep == 3 ? 0xFFFFFFFFu - T : t0, T, shift});
+                }
+    // Positions past the table's end read zero coefficients.
+    calls.push_back({200, 0, 104, 104, 0x00FFFFu, 0x1000000u, 0});
+    calls.push_back({200, 0, 13, 13, 0x7FFFFFu, 0x900000u, 2});
+    for (const KernelSet *e : vector_engines())
+        for (const SincCall &k : calls) {
+            const uint32_t want = rsmpl::sinc_accumulate_scalar(x.data(), k.c, k.left_first, k.left_last,
+                                                                k.right_last, k.t0, k.table_step, k.shift);
+            const uint32_t got = e->sinc(x.data(), k.c, k.left_first, k.left_last, k.right_last, k.t0, k.table_step,
+                                         k.shift);
+            ASSERT_EQ(got, want) << e->name << ": c " << k.c << ", k " << k.left_first << ".." << k.left_last
+                                 << " / 1.." << k.right_last << ", t0 " << k.t0 << ", T " << k.table_step
+                                 << ", shift " << k.shift;
+        }
+}
+
+// Full-scale samples of both signs under every tap: the 32-bit sum wraps in
+// both forms alike.
+TEST(SincEngine, FullScaleSamplesWrapAlike) {
+    for (int16_t v : {int16_t{INT16_MIN}, int16_t{INT16_MAX}})
+        for (int alternate = 0; alternate < 2; ++alternate) {
+            Samples x(RSMPL_HISTORY_SAMPLES, v);
+            if (alternate)
+                for (size_t i = 0; i < x.size(); i += 2) x[i] = static_cast<int16_t>(v == INT16_MIN ? INT16_MAX : INT16_MIN);
+            for (const KernelSet *e : vector_engines())
+                for (uint32_t T : {0x800000u, 0x4CCCCDu, 0x100000u})
+                    for (int shift = 0; shift <= 3; ++shift) {
+                        const int32_t h = static_cast<int32_t>(13 * 0x800000u / T);
+                        EXPECT_EQ(e->sinc(x.data(), 800, 0, h, h, T / 3, T, shift),
+                                  rsmpl::sinc_accumulate_scalar(x.data(), 800, 0, h, h, T / 3, T, shift))
+                            << e->name << ", T " << T << ", shift " << shift;
+                    }
+        }
+}
+
+
+// ---- Linear converter ------------------------------------------------------------
+
+namespace linear {
+
+uint32_t shift_for(uint32_t pitch) {
+    uint32_t s = 0;
+    while ((pitch >> s) >= 65536) ++s;
+    return s;
+}
+
+// Output over input rate of the pairs the plug-in meets, and odd ones.
+const uint32_t kExpandPitches[] = {570532, 0x80001, 0x100000, 0x180000, 0x300000, 0x400000, 0x7FFFFF, 0x93BD7};
+const uint32_t kShrinkPitches[] = {0x80000, 0x7FFFF, 87381, 174763, 0x40000, 0x2C1F2, 0x10000, 1};
+
+TEST(LinearEngine, ExpandMatchesScalarForEveryChannelCountAndShortage) {
+    for (const KernelSet *e : vector_engines())
+        for (uint32_t pitch : kExpandPitches)
+            for (uint32_t channels = 0; channels <= 5; ++channels)
+                for (uint32_t src_frames : {0u, 1u, 7u, 160u, 441u})
+                    for (uint32_t dst_frames : {0u, 1u, 480u, 1024u}) {
+                        const Samples src = rsmpl_test::hostile_samples(src_frames * channels + 1, pitch + channels);
+                        int16_t last_want[5] = {INT16_MIN, INT16_MAX, -1, 7, 0}, last_got[5];
+                        std::copy(last_want, last_want + 5, last_got);
+                        Guarded<int16_t> want(dst_frames * channels), got(dst_frames * channels);
+                        rsmpl::linear_expand_scalar(src.data(), src_frames, want.data(), dst_frames, channels, pitch,
+                                                    shift_for(pitch), last_want);
+                        e->linear_expand(src.data(), src_frames, got.data(), dst_frames, channels, pitch,
+                                         shift_for(pitch), last_got);
+                        ASSERT_TRUE(same(got.data(), want.data(), dst_frames * channels))
+                            << e->name << ", pitch " << pitch << ", " << channels << " ch, " << src_frames << " -> "
+                            << dst_frames;
+                        ASSERT_TRUE(std::equal(last_want, last_want + 5, last_got)) << e->name;
+                        ASSERT_TRUE(got.guard_intact());
+                    }
+}
+
+TEST(LinearEngine, ShrinkMatchesScalarIncludingOverflow) {
+    for (const KernelSet *e : vector_engines())
+        for (uint32_t pitch : kShrinkPitches)
+            for (uint32_t channels = 0; channels <= 5; ++channels)
+                for (uint32_t src_frames : {0u, 1u, 5u, 960u, 1441u})
+                    for (uint32_t dst_frames : {0u, 1u, 320u, 1441u}) {
+                        const Samples src = rsmpl_test::hostile_samples(src_frames * channels + 1, pitch ^ channels);
+                        Guarded<int16_t> want(dst_frames * channels), got(dst_frames * channels);
+                        std::fill(want.data(), want.data() + want.size(), int16_t{0x5A5A});
+                        std::fill(got.data(), got.data() + got.size(), int16_t{0x5A5A});
+                        const bool over_want = rsmpl::linear_shrink_scalar(src.data(), src_frames, want.data(),
+                                                                           dst_frames, channels, pitch);
+                        const bool over_got =
+                            e->linear_shrink(src.data(), src_frames, got.data(), dst_frames, channels, pitch);
+                        ASSERT_EQ(over_got, over_want) << e->name << ", pitch " << pitch;
+                        ASSERT_TRUE(same(got.data(), want.data(), dst_frames * channels))
+                            << e->name << ", pitch " << pitch << ", " << channels << " ch, " << src_frames << " -> "
+                            << dst_frames;
+                        ASSERT_TRUE(got.guard_intact());
+                    }
+}
+
+}  // namespace linear
+
+}  // namespace
