@@ -67,30 +67,35 @@ static inline uint64_t div_u64(uint64_t a, uint64_t b)
 /* ---- FIR path -------------------------------------------------------------- */
 
 /*
+ * Shared chunk loop of both FIR directions. Each chunk of one channel is
+ * gathered into sample_buf, converted there in place, and scattered back.
  * A chunk the stage refuses (only when the host's period breaks the stage's
  * block-length rules) comes out as silence on that channel, and the channel's
  * history stays as it was. Output never goes past dst_frames: what does not
- * fit is converted (so the history stays continuous) but dropped, and reported
- * once per call.
+ * fit is converted (so the history stays continuous) but dropped. Returns
+ * whether anything was dropped, for the caller to report under its own name.
  */
-static void rsmplrate_Up(void *obj, int16_t *dst, unsigned int dst_frames,
-                         const int16_t *src, unsigned int src_frames)
+static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, uint32_t dst_frames,
+                              const int16_t *src, uint32_t src_frames)
 {
-	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
 	const uint32_t n = rate->factor;
 	const uint32_t channels = rate->channels;
+	const uint32_t index = (uint32_t)(up ? rate->up_index : rate->down_index);
 	uint32_t remaining = src_frames;
 	uint32_t room = dst_frames;
 	bool overflow = false;
 
-	if (src_frames == 0)
-		return;
 	while (remaining > 0) {
-		uint32_t chunk = remaining > div_u32(RSMPL_SAMPLE_BUF_SAMPLES, n) ?
-			div_u32(960, n) : remaining;
+		/* Up: a chunk's output fits the 1440-sample buffer. Down: 960 is a
+		 * multiple of 4 and of 6, so large blocks split into valid chunks. */
+		uint32_t chunk;
+		if (up)
+			chunk = remaining > div_u32(RSMPL_SAMPLE_BUF_SAMPLES, n) ? div_u32(960, n) : remaining;
+		else
+			chunk = remaining > RSMPL_SAMPLE_BUF_SAMPLES ? 960 : remaining;
 		if (chunk == 0) /* n above 960: not a FIR factor, nothing sensible to do */
-			return;
-		const uint32_t out = n * chunk;
+			break;
+		const uint32_t out = up ? n * chunk : (n <= chunk ? div_u32(chunk, n) : 0);
 		const uint32_t keep = out < room ? out : room;
 		if (keep < out)
 			overflow = true;
@@ -98,7 +103,9 @@ static void rsmplrate_Up(void *obj, int16_t *dst, unsigned int dst_frames,
 			int16_t *buf = rate->sample_buf;
 			for (uint32_t k = 0; k < chunk; k++)
 				buf[k] = src[k * channels + c];
-			if (RSMPL_Up(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, (uint32_t)rate->up_index) != RSMPL_OK)
+			const uint32_t status = up ? RSMPL_Up(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, index)
+						   : RSMPL_Down(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, index);
+			if (status != RSMPL_OK)
 				memset(buf, 0, out * sizeof(*buf));
 			for (uint32_t k = 0; k < keep; k++)
 				dst[k * channels + c] = buf[k];
@@ -108,44 +115,20 @@ static void rsmplrate_Up(void *obj, int16_t *dst, unsigned int dst_frames,
 		room -= keep;
 		remaining -= chunk;
 	}
-	if (overflow)
+	return overflow;
+}
+
+static void rsmplrate_Up(void *obj, int16_t *dst, unsigned int dst_frames,
+                         const int16_t *src, unsigned int src_frames)
+{
+	if (rsmplrate_convert((struct rsmpl_rate *)obj, true, dst, dst_frames, src, src_frames))
 		snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "dst_frames overflow");
 }
 
 static void rsmplrate_Down(void *obj, int16_t *dst, unsigned int dst_frames,
                            const int16_t *src, unsigned int src_frames)
 {
-	struct rsmpl_rate *rate = (struct rsmpl_rate *)obj;
-	const uint32_t n = rate->factor;
-	const uint32_t channels = rate->channels;
-	uint32_t remaining = src_frames;
-	uint32_t room = dst_frames;
-	bool overflow = false;
-
-	if (src_frames == 0)
-		return;
-	while (remaining > 0) {
-		/* 960 is a multiple of 4 and of 6, so large blocks split into valid chunks. */
-		uint32_t chunk = remaining > RSMPL_SAMPLE_BUF_SAMPLES ? 960 : remaining;
-		const uint32_t out = n <= chunk ? div_u32(chunk, n) : 0;
-		const uint32_t keep = out < room ? out : room;
-		if (keep < out)
-			overflow = true;
-		for (uint32_t c = 0; c < channels; c++) {
-			int16_t *buf = rate->sample_buf;
-			for (uint32_t k = 0; k < chunk; k++)
-				buf[k] = src[k * channels + c];
-			if (RSMPL_Down(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, (uint32_t)rate->down_index) != RSMPL_OK)
-				memset(buf, 0, out * sizeof(*buf));
-			for (uint32_t k = 0; k < keep; k++)
-				dst[k * channels + c] = buf[k];
-		}
-		src += (size_t)chunk * channels;
-		dst += (size_t)keep * channels;
-		room -= keep;
-		remaining -= chunk;
-	}
-	if (overflow)
+	if (rsmplrate_convert((struct rsmpl_rate *)obj, false, dst, dst_frames, src, src_frames))
 		snd_lib_error(rsmpl_file, __LINE__, __func__, 0, "dst_frames overflow");
 }
 
