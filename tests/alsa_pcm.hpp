@@ -7,6 +7,7 @@
 #pragma once
 
 #include <alsa/asoundlib.h>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -24,6 +25,16 @@ namespace rsmpl_test {
 inline bool use_built_module() {
     const std::string dir = std::filesystem::path(RSMPL_MODULE_PATH).parent_path().string();
     return setenv("ALSA_PLUGIN_DIR", dir.c_str(), 1) == 0;
+}
+
+// Releases alsa-lib's global configuration after the last test, so that leak
+// checkers see only what the module and the tests allocate.
+inline bool release_alsa_config_after_tests() {
+    struct Release : ::testing::Environment {
+        void TearDown() override { snd_config_update_free_global(); }
+    };
+    ::testing::AddGlobalTestEnvironment(new Release);
+    return true;
 }
 
 class RatePcm {

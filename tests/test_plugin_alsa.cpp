@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "alsa_pcm.hpp"
 #include "rate_support.hpp"
 #include "support.hpp"
 
@@ -31,11 +32,7 @@ const bool g_plugin_dir_set = [] {
     return setenv("ALSA_PLUGIN_DIR", dir.c_str(), 1) == 0;
 }();
 
-class AlsaEnvironment : public ::testing::Environment {
-public:
-    void TearDown() override { snd_config_update_free_global(); }
-};
-const auto *g_env = ::testing::AddGlobalTestEnvironment(new AlsaEnvironment);
+const bool g_config_released = rsmpl_test::release_alsa_config_after_tests();
 
 struct Stream {
     int setup_err = 0;            // first failing hw_params step, 0 if none

@@ -22,11 +22,7 @@ using rsmpl_test::soak::Signal;
 
 const bool g_plugin_dir_set = rsmpl_test::use_built_module();
 
-class AlsaEnvironment : public ::testing::Environment {
-public:
-    void TearDown() override { snd_config_update_free_global(); }
-};
-const auto *g_env = ::testing::AddGlobalTestEnvironment(new AlsaEnvironment);
+const bool g_config_released = rsmpl_test::release_alsa_config_after_tests();
 
 // Bytes the C library has handed out and not had back. Sanitizers and
 // valgrind bring their own allocator, which this does not see: there the

@@ -21,11 +21,7 @@ using rsmpl_test::soak::Signal;
 
 const bool g_plugin_dir_set = rsmpl_test::use_built_module();
 
-class AlsaEnvironment : public ::testing::Environment {
-public:
-    void TearDown() override { snd_config_update_free_global(); }
-};
-const auto *g_env = ::testing::AddGlobalTestEnvironment(new AlsaEnvironment);
+const bool g_config_released = rsmpl_test::release_alsa_config_after_tests();
 
 struct Job {
     unsigned in_rate, out_rate, channels;
