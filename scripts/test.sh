@@ -26,8 +26,11 @@ cmake --build build-tsan -j "$jobs" --target test_rsmpl_threads test_plugin_thre
 
 # The alsa-lib tests under valgrind's memcheck: no memory error, no block
 # definitely lost (alsa-lib's global configuration is released by the tests).
+# With the scalar kernels: the vector kernels pad rows with zero taps whose
+# lanes read the next, still unwritten, samples of alsa-lib's drain period,
+# and memcheck cannot see that a product with zero is defined.
 for t in test_plugin_ops test_plugin_hostile test_plugin_leaks test_plugin_alsa; do
-  valgrind -q --leak-check=full --errors-for-leak-kinds=definite --error-exitcode=1 \
+  RSMPL_ENGINE=scalar valgrind -q --leak-check=full --errors-for-leak-kinds=definite --error-exitcode=1 \
     "./build/tests/$t" --gtest_brief=1
 done
 
