@@ -1,9 +1,6 @@
-// Filter properties held to their published figures, measured two ways: from
-// the compiled tables in double precision, and from the stages themselves,
-// by an impulse (up-stages) or by tones (all stages) sent through RSMPL_Up /
-// RSMPL_Down / RSMPL_Resample. Any change of a table or a kernel moves one of
-// these figures. Frequencies are fractions of the lower Nyquist frequency
-// (the input's for up-stages, the output's for down-stages) unless a test
+// Filter properties held to their published figures, measured from the
+// compiled tables and from the stages themselves through the interface.
+// Frequencies are fractions of the lower Nyquist frequency unless a test
 // says otherwise.
 #include <gtest/gtest.h>
 

@@ -1,11 +1,7 @@
-// Hours of audio through each fixed-ratio stage and through the sinc
-// interpolator, computed rather than waited for. Each stream runs twice: in
-// random admissible blocks, and in the largest blocks the stage takes (for
-// the sinc interpolator: fixed 1024-sample blocks). The two must agree sample
-// for sample over the whole run, so no block boundary leaves a click and the
-// history is carried exactly, and every input must produce its outputs: the
-// totals are exact. The amount of audio is set in soak_support.hpp (smaller
-// under the sanitizers; RSMPL_SOAK_SECONDS overrides).
+// Hours of audio (computed, not waited for) through each fixed-ratio stage
+// and the sinc interpolator, in random blocks and in fixed large ones: the
+// two runs must agree sample for sample (no clicks, history carried) and the
+// totals be exact. soak_support.hpp sets the amount of audio.
 #include <gtest/gtest.h>
 
 #include <algorithm>
