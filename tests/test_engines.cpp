@@ -84,7 +84,9 @@ std::vector<const KernelSet *> vector_engines() {
     return v;
 }
 
-TEST(Engines, ScalarFirstAndEveryNameDistinct) {
+// Scalar first, names distinct and parsed back; a forced name picks that
+// engine where the machine has it and falls back to the best otherwise.
+TEST(Engines, NamesAndForcing) {
     const auto all = rsmpl::available_kernels();
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.front(), &rsmpl::kScalarKernels);
@@ -96,14 +98,9 @@ TEST(Engines, ScalarFirstAndEveryNameDistinct) {
         EXPECT_EQ(rsmpl::find_kernels(id), all[i]);
         for (size_t j = 0; j < i; ++j) EXPECT_NE(all[i]->id, all[j]->id);
     }
-}
-
-TEST(Engines, ForcingChoosesTheNamedEngineOrFallsBackToTheBest) {
-    const KernelSet &best = *rsmpl::available_kernels().back();
-    EXPECT_EQ(&rsmpl::choose_kernels(nullptr), &best);
-    EXPECT_EQ(&rsmpl::choose_kernels(""), &best);
-    EXPECT_EQ(&rsmpl::choose_kernels("fastest"), &best);
-    EXPECT_EQ(&rsmpl::choose_kernels("AVX2"), &best);  // names are exact
+    const KernelSet &best = *all.back();
+    for (const char *name : {(const char *)nullptr, "", "fastest", "AVX2"})  // names are exact
+        EXPECT_EQ(&rsmpl::choose_kernels(name), &best) << (name ? name : "null");
     for (const char *name : {"scalar", "sse41", "avx2", "neon"}) {
         rsmpl::EngineId id;
         ASSERT_TRUE(rsmpl::parse_engine(name, &id));
@@ -269,26 +266,20 @@ std::vector<int32_t> counts_for(const Layout &l) {
     return v;
 }
 
-TEST_P(FirEngine, RandomAndFullScaleInputEveryCount) {
+TEST_P(FirEngine, RandomFullScaleAndConstantInputEveryCount) {
     const Layout &l = f.layout;
-    for (const KernelSet *e : vector_engines())
+    for (const KernelSet *e : vector_engines()) {
         for (int32_t count : counts_for(l)) {
             const size_t span = static_cast<size_t>(span_of(l, std::max(count, 0)));
-            EXPECT_NO_FATAL_FAILURE(
-                expect_same(f, *e, rsmpl_test::random_samples(span, 17 + static_cast<uint32_t>(count)), count, "random"));
-            EXPECT_NO_FATAL_FAILURE(
-                expect_same(f, *e, rsmpl_test::hostile_samples(span, 91 + static_cast<uint32_t>(count)), count, "hostile"));
+            const uint32_t seed = static_cast<uint32_t>(count);
+            EXPECT_NO_FATAL_FAILURE(expect_same(f, *e, rsmpl_test::random_samples(span, 17 + seed), count, "random"));
+            EXPECT_NO_FATAL_FAILURE(expect_same(f, *e, rsmpl_test::hostile_samples(span, 91 + seed), count, "hostile"));
         }
-}
-
-TEST_P(FirEngine, ConstantExtremes) {
-    const Layout &l = f.layout;
-    for (const KernelSet *e : vector_engines())
-        for (int16_t v : {int16_t{INT16_MIN}, int16_t{INT16_MAX}, int16_t{-1}, int16_t{0}})
-            for (int32_t count : {l.unit_in, 7 * l.unit_in, 333, 1440}) {
-                const Samples x(static_cast<size_t>(span_of(l, count)), v);
-                EXPECT_NO_FATAL_FAILURE(expect_same(f, *e, x, count, "constant " + std::to_string(v)));
-            }
+        for (int16_t v : {int16_t{INT16_MIN}, int16_t{INT16_MAX}, int16_t{-1}})
+            for (int32_t count : {l.unit_in, 7 * l.unit_in, 333, 1440})
+                EXPECT_NO_FATAL_FAILURE(
+                    expect_same(f, *e, Samples(static_cast<size_t>(span_of(l, count)), v), count, std::to_string(v)));
+    }
 }
 
 // Windows whose signs follow a row: every bin of that row reaches its largest
@@ -316,27 +307,6 @@ TEST_P(FirEngine, SignMatchedFullScaleWindows) {
         }
 }
 
-// With every sample at the sign of its tap, the heaviest rows pass 2^31 in
-// their exact sum; the scalar kernel (64-bit) saturates, and so must the
-// vector ones (same comparison, spelt out for the first group).
-TEST_P(FirEngine, HeaviestRowsSaturateInsteadOfWrapping) {
-    const Layout &l = f.layout;
-    const int32_t count = 40 * l.unit_in * l.units_per_group;
-    for (int p = 0; p < l.P; ++p) {
-        int64_t row = 0;
-        for (int32_t c : l.c[p]) row += magnitude(c);
-        if (row * 32768 >> l.shift < 32768) continue;  // cannot reach full scale
-        for (const KernelSet *e : rsmpl::available_kernels()) {
-            Samples x(static_cast<size_t>(span_of(l, count)), 0);
-            for (int i = 0; i < 2 * l.Mp; ++i)
-                if (l.c[p][i] != 0) x[static_cast<size_t>(l.b0 + i)] = l.c[p][i] > 0 ? INT16_MAX : INT16_MIN;
-            Samples out(static_cast<size_t>(outputs_of(l, count)));
-            kernel_of(*e, f.index)(x.data(), out.data(), count);
-            EXPECT_EQ(out[static_cast<size_t>(p)], INT16_MAX) << f.name << ", " << e->name << ", phase " << p;
-        }
-    }
-}
-
 INSTANTIATE_TEST_SUITE_P(AllKernels, FirEngine, ::testing::Range<size_t>(0, 10),
                          [](const auto &info) { return std::string(firs()[info.param].name); });
 
@@ -348,13 +318,18 @@ struct SincCall {
     int shift;
 };
 
+// Random, full-scale and alternating full-scale samples (where the 32-bit sum
+// wraps, in both forms alike) under every tap layout and ratio.
 TEST(SincEngine, EveryTapLayoutAndRatioMatchesTheScalarSum) {
+    std::vector<Samples> inputs = {rsmpl_test::hostile_samples(RSMPL_HISTORY_SAMPLES, 8),
+                                   Samples(RSMPL_HISTORY_SAMPLES, INT16_MIN), Samples(RSMPL_HISTORY_SAMPLES, INT16_MAX)};
+    inputs.push_back(inputs[1]);
+    for (size_t i = 0; i < RSMPL_HISTORY_SAMPLES; i += 2) inputs.back()[i] = INT16_MAX;
     std::mt19937 rng(3);
-    Samples x = rsmpl_test::hostile_samples(RSMPL_HISTORY_SAMPLES, 8);
     std::vector<SincCall> calls;
     // Table steps of ratios 8 .. 1/8 (128 entries per sample down to 16), odd
     // fractional steps included; half-lengths 13 .. 104; centres near both ends.
-    const uint32_t steps[] = {0x800000u, 0x7FFFFFu, 0x400000u, 0x2AAAABu, 0x1D6666u, 0x100000u, 0x754321u};
+    const uint32_t steps[] = {0x800000u, 0x7FFFFFu, 0x400000u, 0x2AAAABu, 0x1D6666u, 0x100000u, 0x754321u, 0x4CCCCDu};
     for (uint32_t T : steps)
         for (int32_t h : {1, 7, 13, 26, 39, 104})
             for (int shift = 0; shift <= 3; ++shift)
@@ -370,36 +345,16 @@ TEST(SincEngine, EveryTapLayoutAndRatioMatchesTheScalarSum) {
     calls.push_back({200, 0, 104, 104, 0x00FFFFu, 0x1000000u, 0});
     calls.push_back({200, 0, 13, 13, 0x7FFFFFu, 0x900000u, 2});
     for (const KernelSet *e : vector_engines())
-        for (const SincCall &k : calls) {
-            const uint32_t want = rsmpl::sinc_accumulate_scalar(x.data(), k.c, k.left_first, k.left_last,
-                                                                k.right_last, k.t0, k.table_step, k.shift);
-            const uint32_t got = e->sinc(x.data(), k.c, k.left_first, k.left_last, k.right_last, k.t0, k.table_step,
-                                         k.shift);
-            ASSERT_EQ(got, want) << e->name << ": c " << k.c << ", k " << k.left_first << ".." << k.left_last
-                                 << " / 1.." << k.right_last << ", t0 " << k.t0 << ", T " << k.table_step
-                                 << ", shift " << k.shift;
-        }
+        for (size_t in = 0; in < inputs.size(); ++in)
+            for (const SincCall &k : calls) {
+                const int16_t *x = inputs[in].data();
+                ASSERT_EQ(e->sinc(x, k.c, k.left_first, k.left_last, k.right_last, k.t0, k.table_step, k.shift),
+                          rsmpl::sinc_accumulate_scalar(x, k.c, k.left_first, k.left_last, k.right_last, k.t0,
+                                                        k.table_step, k.shift))
+                    << e->name << ", input " << in << ": c " << k.c << ", k " << k.left_first << ".." << k.left_last
+                    << " / 1.." << k.right_last << ", t0 " << k.t0 << ", T " << k.table_step << ", shift " << k.shift;
+            }
 }
-
-// Full-scale samples of both signs under every tap: the 32-bit sum wraps in
-// both forms alike.
-TEST(SincEngine, FullScaleSamplesWrapAlike) {
-    for (int16_t v : {int16_t{INT16_MIN}, int16_t{INT16_MAX}})
-        for (int alternate = 0; alternate < 2; ++alternate) {
-            Samples x(RSMPL_HISTORY_SAMPLES, v);
-            if (alternate)
-                for (size_t i = 0; i < x.size(); i += 2) x[i] = static_cast<int16_t>(v == INT16_MIN ? INT16_MAX : INT16_MIN);
-            for (const KernelSet *e : vector_engines())
-                for (uint32_t T : {0x800000u, 0x4CCCCDu, 0x100000u})
-                    for (int shift = 0; shift <= 3; ++shift) {
-                        const int32_t h = static_cast<int32_t>(13 * 0x800000u / T);
-                        EXPECT_EQ(e->sinc(x.data(), 800, 0, h, h, T / 3, T, shift),
-                                  rsmpl::sinc_accumulate_scalar(x.data(), 800, 0, h, h, T / 3, T, shift))
-                            << e->name << ", T " << T << ", shift " << shift;
-                    }
-        }
-}
-
 
 // ---- Linear converter ------------------------------------------------------------
 

@@ -1,11 +1,7 @@
-// Hours of audio through each fixed-ratio stage and through the sinc
-// interpolator, computed rather than waited for. Each stream runs twice: in
-// random admissible blocks, and in the largest blocks the stage takes (for
-// the sinc interpolator: fixed 1024-sample blocks). The two must agree sample
-// for sample over the whole run, so no block boundary leaves a click and the
-// history is carried exactly, and every input must produce its outputs: the
-// totals are exact. The amount of audio is set in soak_support.hpp (smaller
-// under the sanitizers; RSMPL_SOAK_SECONDS overrides).
+// Hours of audio (computed, not waited for) through each fixed-ratio stage
+// and the sinc interpolator, in random blocks and in fixed large ones: the
+// two runs must agree sample for sample (no clicks, history carried) and the
+// totals be exact. soak_support.hpp sets the amount of audio.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,29 +27,24 @@ struct Context {
 };
 
 // One stream through one context, fed segment by segment; blocks are cut
-// from what is pending by `next_length`.
+// from what is pending by `next_length`, outputs go to one side of `lock`.
 class Stream {
 public:
     using Length = std::function<int32_t()>;
     using Process = std::function<size_t(const int16_t *, int16_t *, int32_t)>;
+    using Sink = void (Lockstep::*)(const int16_t *, size_t);
 
-    Stream(Length next_length, Process process) : next_length_(next_length), process_(process) {
-        n_ = next_length_();
-    }
+    Stream(Length next_length, Process process, Sink sink)
+        : next_length_(next_length), process_(process), sink_(sink), n_(next_length_()) {}
 
-    void feed(const std::vector<int16_t> &segment, std::vector<int16_t> &scratch, Lockstep &lock, bool side_a) {
+    void feed(const std::vector<int16_t> &segment, std::vector<int16_t> &scratch, Lockstep &lock) {
         pending_.insert(pending_.end(), segment.begin(), segment.end());
         size_t at = 0;
-        while (pending_.size() - at >= static_cast<size_t>(n_)) {
+        for (; pending_.size() - at >= static_cast<size_t>(n_); at += static_cast<size_t>(n_), n_ = next_length_()) {
             const size_t produced = process_(pending_.data() + at, scratch.data(), n_);
-            if (side_a)
-                lock.add_a(scratch.data(), produced);
-            else
-                lock.add_b(scratch.data(), produced);
+            (lock.*sink_)(scratch.data(), produced);
             consumed_ += static_cast<uint64_t>(n_);
             produced_ += produced;
-            at += static_cast<size_t>(n_);
-            n_ = next_length_();
         }
         pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(at));
     }
@@ -63,10 +54,29 @@ public:
 private:
     Length next_length_;
     Process process_;
+    Sink sink_;
     int32_t n_;
     std::vector<int16_t> pending_;
     uint64_t consumed_ = 0, produced_ = 0;
 };
+
+// Feeds one signal, a second at a time, to both runs and compares them as
+// their outputs come in; returns the samples matched.
+uint64_t soak(Stream &a, Stream &b, uint32_t seed, uint64_t total, uint32_t rate, size_t scratch_size,
+              const char *name) {
+    Signal signal(seed);
+    std::vector<int16_t> segment(rate), scratch(scratch_size);
+    Lockstep lock;
+    for (uint64_t done = 0; done < total; done += segment.size()) {
+        signal.fill(segment.data(), segment.size());
+        a.feed(segment, scratch, lock);
+        b.feed(segment, scratch, lock);
+        EXPECT_TRUE(lock.compare(name)) << "after " << done / rate << " s of audio";
+        if (::testing::Test::HasFailure()) break;
+    }
+    ::testing::Test::RecordProperty("audio_seconds", std::to_string(total / rate));
+    return lock.matched();
+}
 
 // ---- Fixed-ratio stages --------------------------------------------------------
 
@@ -118,25 +128,15 @@ TEST_P(SoakStage, RandomBlocksEqualLargestBlocksForHours) {
     };
     auto random_length = [&] { return s.lo + s.multiple * static_cast<int32_t>(rng() % static_cast<uint32_t>(choices)); };
     auto fixed_length = [big] { return big; };
-    Stream a(random_length, process(ca.get()));
-    Stream b(fixed_length, process(cb.get()));
-
-    Signal signal(s.index + (s.up ? 100 : 200));
+    Stream a(random_length, process(ca.get()), &Lockstep::add_a);
+    Stream b(fixed_length, process(cb.get()), &Lockstep::add_b);
     const uint64_t total = static_cast<uint64_t>(audio_seconds() * s.in_rate);
-    std::vector<int16_t> segment(s.in_rate);  // one second per segment
-    std::vector<int16_t> scratch(static_cast<size_t>(std::max(big, s.hi)) * 6 + 8);
-    Lockstep lock;
-    for (uint64_t done = 0; done < total; done += segment.size()) {
-        signal.fill(segment.data(), segment.size());
-        a.feed(segment, scratch, lock, true);
-        b.feed(segment, scratch, lock, false);
-        ASSERT_TRUE(lock.compare(s.name)) << "after " << done / s.in_rate << " s of audio";
-    }
+    const uint64_t matched = soak(a, b, s.index + (s.up ? 100 : 200), total, s.in_rate,
+                                  static_cast<size_t>(std::max(big, s.hi)) * 6 + 8, s.name);
     // Every consumed input gave its outputs, in both runs.
     EXPECT_EQ(a.produced(), a.consumed() * s.num / s.den);
     EXPECT_EQ(b.produced(), b.consumed() * s.num / s.den);
-    EXPECT_GE(lock.matched(), (total - static_cast<uint64_t>(std::max(big, s.hi))) * s.num / s.den - 1);
-    RecordProperty("audio_seconds", std::to_string(total / s.in_rate));
+    EXPECT_GE(matched, (total - static_cast<uint64_t>(std::max(big, s.hi))) * s.num / s.den - 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Stages, SoakStage, ::testing::ValuesIn(kStages),
@@ -204,20 +204,11 @@ TEST_P(SoakSinc, RandomBlocksEqualFixedBlocks) {
             return count;
         };
     };
-    Stream a(random_length, process(ca.get()));
-    Stream b(fixed_length, process(cb.get()));
-
-    Signal signal(static_cast<uint32_t>(s.ratio * 64));
+    Stream a(random_length, process(ca.get()), &Lockstep::add_a);
+    Stream b(fixed_length, process(cb.get()), &Lockstep::add_b);
     const uint64_t total = static_cast<uint64_t>(audio_seconds() * s.share * s.in_rate);
-    std::vector<int16_t> segment(s.in_rate);
-    std::vector<int16_t> scratch(RSMPL_MAX_BLOCK * 8 + 2);
-    Lockstep lock;
-    for (uint64_t done = 0; done < total; done += segment.size()) {
-        signal.fill(segment.data(), segment.size());
-        a.feed(segment, scratch, lock, true);
-        b.feed(segment, scratch, lock, false);
-        ASSERT_TRUE(lock.compare(s.name)) << "after " << done / s.in_rate << " s of audio";
-    }
+    const uint64_t matched =
+        soak(a, b, static_cast<uint32_t>(s.ratio * 64), total, s.in_rate, RSMPL_MAX_BLOCK * 8 + 2, s.name);
     // Outputs sit at exact positions and run while their position lies below
     // the positions consumed: nothing lost, nothing extra. The first block
     // steps by one input, the rest by `step`.
@@ -230,8 +221,7 @@ TEST_P(SoakSinc, RandomBlocksEqualFixedBlocks) {
         const uint64_t want = first_outputs + (positions - carried + unit - 1) / unit;
         EXPECT_EQ(run->produced(), want) << s.name;
     }
-    EXPECT_GT(lock.matched(), static_cast<uint64_t>(static_cast<double>(total) * s.ratio * 0.99) - 12000);
-    RecordProperty("audio_seconds", std::to_string(total / s.in_rate));
+    EXPECT_GT(matched, static_cast<uint64_t>(static_cast<double>(total) * s.ratio * 0.99) - 12000);
 }
 
 INSTANTIATE_TEST_SUITE_P(Ratios, SoakSinc, ::testing::ValuesIn(kSinc),
