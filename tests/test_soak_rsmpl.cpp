@@ -221,7 +221,9 @@ TEST_P(SoakSinc, RandomBlocksEqualFixedBlocks) {
         const uint64_t want = first_outputs + (positions - carried + unit - 1) / unit;
         EXPECT_EQ(run->produced(), want) << s.name;
     }
-    EXPECT_GT(matched, static_cast<uint64_t>(static_cast<double>(total) * s.ratio * 0.99) - 12000);
+    // All but the outputs still in flight at the end (at most a block's worth).
+    const double floor = static_cast<double>(total) * s.ratio * 0.99 - 12000.0;
+    EXPECT_GT(static_cast<double>(matched), floor);
 }
 
 INSTANTIATE_TEST_SUITE_P(Ratios, SoakSinc, ::testing::ValuesIn(kSinc),
