@@ -361,12 +361,16 @@ int main(int argc, char **argv) {
                 "per converter and rate pair, interleaved.\n\n",
                 BenchEngineName(), opt.rounds, opt.seconds);
 
+    // One column per converter, one row per rate pair.
+    auto table_head = [] {
+        std::printf("| Rate pair |");
+        for (const Converter &c : kConverters) std::printf(" %s |", c.label);
+        std::printf("\n|---|");
+        for (size_t c = 0; c < kNumConverters; ++c) std::printf("---:|");
+        std::printf("\n");
+    };
     std::printf("#### Times real time per core (median, min to max over rounds; higher is cheaper)\n\n");
-    std::printf("| Rate pair |");
-    for (const Converter &c : kConverters) std::printf(" %s |", c.label);
-    std::printf("\n|---|");
-    for (size_t c = 0; c < kNumConverters; ++c) std::printf("---:|");
-    std::printf("\n");
+    table_head();
     for (size_t p = 0; p < num_pairs; ++p) {
         std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
         for (size_t c = 0; c < kNumConverters; ++c) {
@@ -381,11 +385,8 @@ int main(int argc, char **argv) {
         std::printf("\n");
     }
 
-    std::printf("\n#### CPU time per second of audio, µs (median; in brackets, above the copy floor)\n\n| Rate pair |");
-    for (const Converter &c : kConverters) std::printf(" %s |", c.label);
-    std::printf("\n|---|");
-    for (size_t c = 0; c < kNumConverters; ++c) std::printf("---:|");
-    std::printf("\n");
+    std::printf("\n#### CPU time per second of audio, µs (median; in brackets, above the copy floor)\n\n");
+    table_head();
     for (size_t p = 0; p < num_pairs; ++p) {
         std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
         const Cell &floor = cells[p][kFloor];
