@@ -95,11 +95,13 @@ TEST_F(Installed, EveryPieceLandsWhereAlsaLibAndPkgConfigLook) {
     EXPECT_EQ(conf_.parent_path().filename(), "alsa.conf.d");
 
     const std::string prefix = cache_value("CMAKE_INSTALL_PREFIX");
-    const std::string alsa_prefix = trimmed(sh("pkg-config --variable=prefix alsa").output);
+    // The target's alsa-lib, as the build saw it (a cross build points pkg-config elsewhere).
+    const std::string pkg_config = std::string("PKG_CONFIG_LIBDIR='") + RSMPL_PKG_CONFIG_LIBDIR + "' pkg-config ";
+    const std::string alsa_prefix = trimmed(sh(pkg_config + "--variable=prefix alsa").output);
     if (prefix == alsa_prefix) {
         // Installed under alsa-lib's own prefix: its plug-in directory, and a
         // link in the directory that alsa.conf loads.
-        const std::string libdir = trimmed(sh("pkg-config --variable=libdir alsa").output);
+        const std::string libdir = trimmed(sh(pkg_config + "--variable=libdir alsa").output);
         EXPECT_EQ(module_, stage_ / fs::path(libdir + "/alsa-lib/libasound_module_rate_rsmplrate.so").relative_path());
         ASSERT_FALSE(conf_link_.empty());
         EXPECT_EQ(conf_link_.parent_path(), stage_ / "etc/alsa/conf.d");
