@@ -412,6 +412,8 @@ TEST_F(PluginOps, FirPathChunksLikeTheResamplerInterface) {
         {48000, 24000, 1, {{1440, {1440}}}},
         {48000, 24000, 2, {{1441, {960, 481}}, {960, {960}}}},  // 481 is no multiple of 4: refused
         {16000, 48000, 1, {{5, {5}}, {0, {}}, {320, {320}}}},  // fewer than 6 frames: refused; none: nothing
+        {16000, 48000, 2, {{37, {37}}, {45, {45}}}},  // stereo lengths off the 8-frame vector step
+        {48000, 16000, 2, {{222, {222}}, {21, {21}}}},
     };
     uint32_t seed = 20;
     for (const Case &c : cases) {
