@@ -1,5 +1,5 @@
 // Shared helpers for the tests: reproducible signals, block splits and
-// buffers with guard bytes that catch writes past the end.
+// buffers with guard bytes that catch writes outside them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +9,8 @@
 #include <cstring>
 #include <random>
 #include <vector>
+
+#include "guarded.hpp"
 
 namespace rsmpl_test {
 
@@ -49,27 +51,5 @@ inline std::vector<int32_t> random_blocks(int64_t total, int32_t lo, int32_t hi,
     }
     return blocks;
 }
-
-// A buffer of n elements followed by guard elements that must stay untouched.
-template <typename T>
-class Guarded {
-public:
-    static constexpr size_t kGuard = 64;
-    static constexpr uint8_t kPattern = 0xA5;
-
-    explicit Guarded(size_t n) : n_(n), raw_((n + kGuard) * sizeof(T)) {
-        std::memset(raw_.data(), kPattern, raw_.size());
-    }
-    T *data() { return reinterpret_cast<T *>(raw_.data()); }
-    size_t size() const { return n_; }
-    T &operator[](size_t i) { return data()[i]; }
-    bool guard_intact() const {
-        return std::all_of(raw_.begin() + n_ * sizeof(T), raw_.end(), [](uint8_t b) { return b == kPattern; });
-    }
-
-private:
-    size_t n_;
-    std::vector<uint8_t> raw_;
-};
 
 }  // namespace rsmpl_test

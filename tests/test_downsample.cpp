@@ -119,7 +119,7 @@ TEST_P(DownStage, KernelsMatchModelAndReadOnlyTheirSpan) {
         for (int32_t count : {INT32_MIN, -1, 0, s.group_in - 1}) {
             Guarded<int16_t> out(0);
             k(nullptr, out.data(), count);
-            EXPECT_TRUE(out.guard_intact()) << count;
+            EXPECT_TRUE(out.guards_intact()) << count;
         }
         for (int groups : {1, 2, 3, 7, 50}) {
             for (int extra = 0; extra < s.group_in; ++extra) {
@@ -136,7 +136,7 @@ TEST_P(DownStage, KernelsMatchModelAndReadOnlyTheirSpan) {
                 Guarded<int16_t> out(want.size());
                 k(exact.get(), out.data(), count);
                 EXPECT_TRUE(std::equal(want.begin(), want.end(), out.data())) << count;
-                EXPECT_TRUE(out.guard_intact()) << count;
+                EXPECT_TRUE(out.guards_intact()) << count;
                 k(exact.get(), exact.get(), count);  // over its own input
                 EXPECT_TRUE(std::equal(want.begin(), want.end(), exact.get())) << count;
             }
@@ -182,10 +182,10 @@ TEST_P(DownStage, StreamsInRandomBlocksMatchModel) {
                     Guarded<int16_t> out(n_out);
                     s.wrapper(in.data(), out.data(), &ctx, n);
                     ASSERT_TRUE(std::equal(block.begin(), block.end(), in.data())) << "input changed, n = " << n;
-                    ASSERT_TRUE(out.guard_intact()) << n;
+                    ASSERT_TRUE(out.guards_intact()) << n;
                     got.insert(got.end(), out.data(), out.data() + n_out);
                 }
-                ASSERT_TRUE(in.guard_intact()) << n;
+                ASSERT_TRUE(in.guards_intact()) << n;
             }
             ASSERT_EQ(got.size(), want.out.size());
             EXPECT_EQ(got, want.out);
@@ -218,7 +218,7 @@ TEST_P(DownStage, EveryLengthInPlaceEqualsSeparate) {
         s.wrapper(in.data(), out.data(), &sep, n);
         EXPECT_TRUE(std::equal(want.begin(), want.end(), out.data()));
         EXPECT_TRUE(std::equal(block.begin(), block.end(), in.data()));
-        EXPECT_TRUE(out.guard_intact() && in.guard_intact());
+        EXPECT_TRUE(out.guards_intact() && in.guards_intact());
         EXPECT_EQ(history_of(sep, s), want_history);
         EXPECT_TRUE(same_after_history(sep, *start, s));
 
@@ -227,7 +227,7 @@ TEST_P(DownStage, EveryLengthInPlaceEqualsSeparate) {
         std::copy(block.begin(), block.end(), io.data());
         s.wrapper(io.data(), io.data(), &same, n);
         EXPECT_TRUE(std::equal(want.begin(), want.end(), io.data()));
-        EXPECT_TRUE(io.guard_intact());
+        EXPECT_TRUE(io.guards_intact());
         EXPECT_EQ(std::memcmp(&same, &sep, sizeof(RSMPL_Ctx)), 0);
     }
 }

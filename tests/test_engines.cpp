@@ -225,7 +225,7 @@ void expect_same(const Fir &f, const KernelSet &e, const Samples &x, int32_t cou
     Guarded<int16_t> out(n_out);
     kernel_of(e, f.index)(exact.get(), out.data(), count);
     EXPECT_TRUE(same(out.data(), want.data(), n_out)) << f.name << ", " << e.name << ", count " << count << ", " << what;
-    EXPECT_TRUE(out.guard_intact()) << f.name << ", " << e.name << ", count " << count;
+    EXPECT_TRUE(out.guards_intact()) << f.name << ", " << e.name << ", count " << count;
     EXPECT_TRUE(std::equal(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(span), exact.get()))
         << "input changed";
 
@@ -245,7 +245,7 @@ void expect_same(const Fir &f, const KernelSet &e, const Samples &x, int32_t cou
         std::copy(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(span), buf.data() + staged_at);
         kernel_of(e, f.index)(buf.data() + staged_at, buf.data(), count);
         EXPECT_TRUE(same(buf.data(), want.data(), n_out)) << f.name << ", " << e.name << ", in place, count " << count;
-        EXPECT_TRUE(buf.guard_intact());
+        EXPECT_TRUE(buf.guards_intact());
     }
 }
 
@@ -388,7 +388,7 @@ TEST(LinearEngine, ExpandMatchesScalarForEveryChannelCountAndShortage) {
                             << e->name << ", pitch " << pitch << ", " << channels << " ch, " << src_frames << " -> "
                             << dst_frames;
                         ASSERT_TRUE(std::equal(last_want, last_want + 5, last_got)) << e->name;
-                        ASSERT_TRUE(got.guard_intact());
+                        ASSERT_TRUE(got.guards_intact());
                     }
 }
 
@@ -410,7 +410,7 @@ TEST(LinearEngine, ShrinkMatchesScalarIncludingOverflow) {
                         ASSERT_TRUE(same(got.data(), want.data(), dst_frames * channels))
                             << e->name << ", pitch " << pitch << ", " << channels << " ch, " << src_frames << " -> "
                             << dst_frames;
-                        ASSERT_TRUE(got.guard_intact());
+                        ASSERT_TRUE(got.guards_intact());
                     }
 }
 

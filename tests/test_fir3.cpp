@@ -54,9 +54,9 @@ Call run(const std::vector<int16_t> &in, const std::vector<int16_t> &history, co
     Call c;
     c.status = UTIL_Fir3(s.data(), static_cast<int16_t>(n), h.data(), coefs.data(), static_cast<int16_t>(taps),
                          static_cast<int16_t>(shift), scratch.data());
-    EXPECT_TRUE(s.guard_intact());
-    EXPECT_TRUE(h.guard_intact());
-    EXPECT_TRUE(scratch.guard_intact());
+    EXPECT_TRUE(s.guards_intact());
+    EXPECT_TRUE(h.guards_intact());
+    EXPECT_TRUE(scratch.guards_intact());
     c.samples.assign(s.data(), s.data() + n);
     c.history.assign(h.data(), h.data() + taps);
     return c;
@@ -180,7 +180,7 @@ TEST(Fir3, BodyEdges) {
     const int16_t coefs[4] = {0x3000, -0x2000, 0x1000, 0x0100};
     UTILFir3(s.data(), 12, hist, coefs, 0, 0, scratch);
     for (size_t i = 0; i < 12; ++i) EXPECT_EQ(s[i], 0);
-    EXPECT_TRUE(s.guard_intact());
+    EXPECT_TRUE(s.guards_intact());
     EXPECT_EQ(hist[0], 1);
 
     const std::vector<int16_t> in = rsmpl_test::random_samples(8, 21);

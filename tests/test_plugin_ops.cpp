@@ -105,7 +105,7 @@ protected:
         Guarded<int16_t> dst(size_t{dst_frames} * channels);
         for (size_t i = 0; i < dst.size(); ++i) dst[i] = 0x5a5a;
         ops_.convert_s16(obj_, dst.data(), dst_frames, src.data(), static_cast<unsigned>(src.size() / channels));
-        EXPECT_TRUE(dst.guard_intact()) << "write past dst_frames";
+        EXPECT_TRUE(dst.guards_intact()) << "write past dst_frames";
         return std::vector<int16_t>(dst.data(), dst.data() + dst.size());
     }
 
@@ -249,7 +249,7 @@ TEST_F(PluginOps, InitAllocatesOneContextPerChannelAndZeroChannelsConvertNothing
         int16_t src[8] = {1, 2, 3, 4, 5, 6, 7, 8};
         Guarded<int16_t> dst(0);
         ops_.convert_s16(obj_, dst.data(), 960, src, 960);
-        EXPECT_TRUE(dst.guard_intact());
+        EXPECT_TRUE(dst.guards_intact());
     }
 }
 

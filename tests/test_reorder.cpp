@@ -47,7 +47,7 @@ Bytes reorder_exact(const Bytes &in, uint8_t mode) {
     std::copy(in.begin(), in.end(), src.get());
     rsmpl_test::Guarded<uint8_t> dst(n);
     EXPECT_EQ(UTIL_ReorderBitstream(src.get(), static_cast<int16_t>(n), mode, dst.data()), 0);
-    EXPECT_TRUE(dst.guard_intact()) << "length " << n << " mode " << int{mode};
+    EXPECT_TRUE(dst.guards_intact()) << "length " << n << " mode " << int{mode};
     return Bytes(dst.data(), dst.data() + n);
 }
 

@@ -138,7 +138,7 @@ struct Checker {
         Guarded<int16_t> out(room(count));
         const uint32_t k = RSMPLSincInterpolate(&ctx, in, out.data(), count);
         const auto want = model.block(in, count);
-        ASSERT_TRUE(out.guard_intact()) << "count " << count;
+        ASSERT_TRUE(out.guards_intact()) << "count " << count;
         ASSERT_LE(k, out.size());
         ASSERT_EQ(k, want.size()) << "count " << count;
         for (uint32_t n = 0; n < k; ++n) {
@@ -343,8 +343,8 @@ TEST(SincStream, ExtremeRatioChangesWithMinimalAndMaximalBlocks) {
                     std::memcpy(guarded.data(), &ch.ctx, sizeof ch.ctx);
                     Guarded<int16_t> out(ch.room(n));
                     const uint32_t k = RSMPLSincInterpolate(guarded.data(), in.data() + at, out.data(), n);
-                    ASSERT_TRUE(guarded.guard_intact());
-                    ASSERT_TRUE(out.guard_intact());
+                    ASSERT_TRUE(guarded.guards_intact());
+                    ASSERT_TRUE(out.guards_intact());
                     ASSERT_NO_FATAL_FAILURE(ch.run(in.data() + at, n));
                     ASSERT_EQ(std::memcmp(guarded.data(), &ch.ctx, sizeof ch.ctx), 0);
                     ASSERT_GE(k, 1u);

@@ -80,7 +80,7 @@ Floats fit(const Floats &x, const Floats &f, const Floats &xe) {
     Guarded<float> fe(xe.size());
     EXPECT_EQ(UTIL_SplineFit(static_cast<int>(x.size()), x.data(), f.data(), static_cast<int>(xe.size()), xe.data(),
                              fe.data()), 0);
-    EXPECT_TRUE(fe.guard_intact());
+    EXPECT_TRUE(fe.guards_intact());
     return Floats(fe.data(), fe.data() + xe.size());
 }
 
@@ -135,7 +135,7 @@ TEST(Spline, StatusCodesInCheckOrderLeaveResultsUntouched) {
             EXPECT_EQ(fe[0], -7.0f) << c.what;
             EXPECT_EQ(fe[1], -7.0f) << c.what;
         }
-        EXPECT_TRUE(fe.guard_intact()) << c.what;
+        EXPECT_TRUE(fe.guards_intact()) << c.what;
     }
 }
 

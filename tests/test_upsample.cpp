@@ -39,9 +39,9 @@ Samples run_block(const Stage &st, RSMPL_Ctx &ctx, const int16_t *in, int32_t n,
         std::copy(in, in + n, src.data());
         st.wrapper(src.data(), out.data(), &ctx, n);
         EXPECT_TRUE(std::equal(in, in + n, src.data())) << "input modified, n = " << n;
-        EXPECT_TRUE(src.guard_intact());
+        EXPECT_TRUE(src.guards_intact());
     }
-    EXPECT_TRUE(out.guard_intact()) << "write past the scratch area, n = " << n;
+    EXPECT_TRUE(out.guards_intact()) << "write past the scratch area, n = " << n;
     return Samples(out.data(), out.data() + st.outputs(n));
 }
 
@@ -151,7 +151,7 @@ TEST_P(UpStage, KernelsMatchTheModelForEveryCount) {
             const Samples x = hostile_samples(st.history + std::max(count, 0), 100 + count);
             Guarded<int16_t> out(st.outputs(count));
             (e.*st.kernel)(x.data(), out.data(), count);
-            EXPECT_TRUE(out.guard_intact());
+            EXPECT_TRUE(out.guards_intact());
             EXPECT_TRUE(same(Samples(out.data(), out.data() + out.size()), model(st, x, st.history, out.size())));
         }
 }
