@@ -318,8 +318,7 @@ TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
     const Case cases[] = {
         {20000, 10, "invalid pcm period_size 20000 -> 10"},
         {960, 0, "invalid pcm period_size 960 -> 0"},  // the count would stay 0 for ever
-        {0, 960, "invalid pcm period_size 0 -> 960"},
-        {0, 0, "invalid pcm period_size 0 -> 0"},
+        {1, 0, "invalid pcm period_size 1 -> 0"},
         {100000, 1, "invalid pcm period_size 100000 -> 1"},  // steps over 100000
     };
     snd_pcm_rate_info_t info = make_info(44100, 48000, 1);
@@ -340,6 +339,35 @@ TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
     info.in.period_size = 882;
     info.out.period_size = 960;
     EXPECT_EQ(ops_.adjust_pitch(obj_, &info), 0);
+}
+
+// With no input period every count is 0 and meets it at once: pitch 0,
+// success, no report, the shift as it was (pitch is below 1.0). Both paths
+// then convert without harm.
+TEST_F(PluginOps, AdjustPitchWithoutAnInputPeriodGivesPitchZero) {
+    struct Case { unsigned in_rate, out_rate; snd_pcm_uframes_t out_period; };
+    for (const Case &c : {Case{44100, 48000, 0}, Case{44100, 48000, 960}, Case{48000, 44100, 0},
+                          Case{16000, 48000, 0}, Case{48000, 16000, 1}, Case{48000, 16000, ~snd_pcm_uframes_t{0}}}) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate) + " out " +
+                     std::to_string(c.out_period));
+        g_reports.clear();
+        snd_pcm_rate_info_t info = make_info(c.in_rate, c.out_rate, 2);
+        ASSERT_EQ(ops_.init(obj_, &info), 0);
+        info.in.period_size = 0;
+        info.out.period_size = c.out_period;
+        state().pitch_shift = 9;
+        EXPECT_EQ(ops_.adjust_pitch(obj_, &info), 0);
+        EXPECT_EQ(state().pitch, 0u);
+        EXPECT_EQ(state().pitch_shift, 9u);
+        EXPECT_TRUE(g_reports.empty());
+        EXPECT_EQ(ops_.input_frames(obj_, 960), 0u);
+        EXPECT_EQ(ops_.output_frames(obj_, 960), 0u);
+        ops_.reset(obj_);
+        state().pitch_shift = 4;  // what a host's earlier adjust_pitch would have left for the expander
+        const auto src = random_samples(960 * 2, 41);
+        std::vector<int16_t> dst(2880 * 2);
+        ops_.convert_s16(obj_, dst.data(), 960, src.data(), 960);
+    }
 }
 
 // ---- Linear expander and shrinker ----------------------------------------------
