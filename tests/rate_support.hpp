@@ -61,6 +61,28 @@ private:
     unsigned factor_;
 };
 
+// One stream: each channel's whole input through its stage in blocks the
+// stage accepts (960 input frames down, a multiple of every block rule; 960
+// output frames up), then the admissible rest, as if the host's periods had
+// never cut it. A rest too short for an up stage joins the block before it.
+inline std::vector<int16_t> one_stream_reference(unsigned channels, bool up, unsigned factor,
+                                                 const std::vector<int16_t> &in, int *refused = nullptr) {
+    const unsigned multiple = up ? 1 : (factor == 2 ? 4 : 6);
+    const unsigned block = up ? 960 / factor : 960;
+    const size_t frames = in.size() / channels;
+    std::vector<unsigned> chunks(frames / block, block);
+    if (const unsigned rest = static_cast<unsigned>(frames % block) / multiple * multiple; rest > 0) {
+        if (up && rest < 6 && !chunks.empty())
+            chunks.back() += rest;
+        else
+            chunks.push_back(rest);
+    }
+    FirReference ref(channels, up, factor);
+    auto out = ref.run(in, chunks);
+    if (refused != nullptr) *refused = ref.refused;
+    return out;
+}
+
 struct Cmd {
     int status = -1;
     std::string output;  // stdout and stderr together

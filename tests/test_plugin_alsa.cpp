@@ -329,18 +329,11 @@ std::string period_name(const PeriodCase &c) {
            "to" + std::to_string(c.out_period);
 }
 
-// The stage over each channel's whole stream in blocks it accepts: 960
-// frames (a multiple of every block rule), then the admissible rest.
 std::vector<int16_t> one_stream(unsigned in_rate, unsigned out_rate, unsigned channels, const std::vector<int16_t> &in) {
     const bool up = out_rate > in_rate;
-    const unsigned n = up ? out_rate / in_rate : in_rate / out_rate;
-    const unsigned multiple = up ? 1 : (n == 2 ? 4 : 6);
-    const size_t frames = in.size() / channels;
-    std::vector<unsigned> chunks(frames / 960, 960);
-    if (const unsigned rest = static_cast<unsigned>(frames % 960) / multiple * multiple; rest > 0) chunks.push_back(rest);
-    rsmpl_test::FirReference ref(channels, up, n);
-    auto out = ref.run(in, chunks);
-    EXPECT_EQ(ref.refused, 0);
+    int refused = 0;
+    auto out = rsmpl_test::one_stream_reference(channels, up, up ? out_rate / in_rate : in_rate / out_rate, in, &refused);
+    EXPECT_EQ(refused, 0);
     return out;
 }
 

@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <string>
@@ -481,6 +482,86 @@ TEST_F(PluginOps, FirOutputNeverPassesDstFrames) {
     ASSERT_EQ(g_reports.size(), 1u);
     expect_report(g_reports[0], "rsmplrate_Down", "dst_frames overflow");
     EXPECT_EQ(convert(down_src, 0, 3).size(), 0u);
+}
+
+// Periods in the exact ratio that the stage cannot take as they come: the
+// output is each channel's one-stream conversion behind a constant delay of
+// silence, below one output group of the stage when the period reaches the
+// stage's minimum block, and otherwise the least the carry needs (up to
+// min_block - 1 input frames). Reset and a new init start the same again.
+TEST_F(PluginOps, PeriodsOffTheBlockRulesGiveTheOneStreamDelayed) {
+    struct Case { unsigned in_rate, out_rate, channels, in_period, max_delay; };
+    const Case cases[] = {
+        {44100, 22050, 2, 882, 1}, {48000, 16000, 3, 999, 1}, {16000, 8000, 4, 330, 1}, {48000, 24000, 1, 1442, 1},
+        {48000, 8000, 1, 12, 5},   // below the 36-frame block of the stage
+        {48000, 16000, 2, 3, 5},   // below 18
+        {48000, 24000, 1, 2, 3},   // below 8
+        {16000, 48000, 2, 5, 15},  // below the 6-frame block going up
+        {8000, 16000, 1, 1, 6},    {8000, 48000, 4, 3, 30},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate) + " period " +
+                     std::to_string(c.in_period));
+        const bool up = c.out_rate > c.in_rate;
+        const unsigned n = up ? c.out_rate / c.in_rate : c.in_rate / c.out_rate;
+        const unsigned out_period = up ? c.in_period * n : c.in_period / n;
+        const size_t periods = 3000 / c.in_period + 40;
+        const auto in = random_samples(periods * c.in_period * c.channels, c.in_period);
+        int refused = 0;
+        const auto want = rsmpl_test::one_stream_reference(c.channels, up, n, in, &refused);
+        ASSERT_EQ(refused, 0);
+
+        const auto run = [&] {
+            std::vector<int16_t> out;
+            for (size_t p = 0; p < periods; ++p) {
+                const auto first = in.begin() + static_cast<std::ptrdiff_t>(p * c.in_period * c.channels);
+                const std::vector<int16_t> src(first, first + static_cast<std::ptrdiff_t>(c.in_period * c.channels));
+                const auto got = convert(src, out_period, c.channels);
+                out.insert(out.end(), got.begin(), got.end());
+            }
+            return out;
+        };
+        setup(c.in_rate, c.out_rate, c.channels, c.in_period, out_period);
+        const auto out = run();
+        ASSERT_EQ(out.size(), periods * out_period * c.channels);
+        size_t delay = 0;
+        const auto matches = [&](size_t d) {
+            const size_t skip = d * c.channels;
+            return std::all_of(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(skip),
+                               [](int16_t v) { return v == 0; }) &&
+                   std::equal(out.begin() + static_cast<std::ptrdiff_t>(skip), out.end(), want.begin());
+        };
+        while (delay <= c.max_delay && !matches(delay)) ++delay;
+        ASSERT_LE(delay, c.max_delay) << "no constant delay matches";
+
+        ops_.reset(obj_);
+        EXPECT_EQ(run(), out) << "after reset";
+        setup(c.in_rate, c.out_rate, c.channels, c.in_period, out_period);
+        EXPECT_EQ(run(), out) << "after a new init";
+    }
+    EXPECT_TRUE(g_reports.empty());
+}
+
+// A host that never calls adjust_pitch is taken at its first call's frame
+// counts: the same stream as with the periods announced.
+TEST_F(PluginOps, PeriodsFromTheFirstCallWithoutAdjustPitch) {
+    const auto in = random_samples(882 * 30 * 2, 51);
+    const auto run = [&] {
+        std::vector<int16_t> out;
+        for (size_t p = 0; p < 30; ++p) {
+            const auto first = in.begin() + static_cast<std::ptrdiff_t>(p * 882 * 2);
+            const auto got = convert(std::vector<int16_t>(first, first + 882 * 2), 441, 2);
+            out.insert(out.end(), got.begin(), got.end());
+        }
+        return out;
+    };
+    setup(44100, 22050, 2, 882, 441);
+    const auto announced = run();
+    snd_pcm_rate_info_t info = make_info(44100, 22050, 2);
+    ASSERT_EQ(ops_.init(obj_, &info), 0);
+    ops_.reset(obj_);
+    EXPECT_EQ(run(), announced);
+    EXPECT_NE(std::count(announced.begin(), announced.end(), int16_t{0}), static_cast<std::ptrdiff_t>(announced.size()));
 }
 
 TEST_F(PluginOps, ResetClearsEveryChannelsHistory) {
