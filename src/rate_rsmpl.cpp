@@ -2,7 +2,9 @@
  * Rate converter for alsa-lib's rate PCM plug-in: libasound_module_rate_rsmplrate.so
  *
  * Exact ratios of 2, 3 and 6 (either direction) go through the RSMPL polyphase
- * FIR stages, one context per channel; everything else, equal rates included,
+ * FIR stages, one context per channel, with periods the stages cannot take
+ * as they come evened out behind a short delay (see rsmpl_period_fit);
+ * everything else, equal rates included,
  * goes through a linear interpolator whose ratio is `pitch`, unsigned Q19
  * (0x80000 = 1.0).
  *
@@ -215,11 +217,11 @@ static void scatter_channel(int16_t *__restrict dst, const int16_t *__restrict b
 }
 
 /*
- * Shared chunk loop of both FIR directions. Each chunk of one channel is
- * gathered into sample_buf, converted there in place, and scattered back.
- * A chunk the stage refuses (only when the host's period breaks the stage's
- * block-length rules) comes out as silence on that channel, and the channel's
- * history stays as it was. Output never goes past dst_frames: what does not
+ * Shared chunk loop of both FIR directions, for periods that meet the
+ * stage's block rules. Each chunk of one channel is gathered into
+ * sample_buf, converted there in place, and scattered back. A chunk the
+ * stage refuses (only when a call strays from such periods) comes out as
+ * silence on that channel, and the channel's history stays as it was. Output never goes past dst_frames: what does not
  * fit is converted (so the history stays continuous) but dropped. Returns
  * whether anything was dropped, for the caller to report under its own name.
  */
