@@ -21,7 +21,9 @@
 
 namespace {
 
+using rsmpl_test::fit_sine;
 using rsmpl_test::hostile_samples;
+using rsmpl_test::SineFit;
 using rsmpl_test::random_samples;
 
 constexpr uint32_t DIV = 0x80000;
@@ -378,36 +380,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &info) {
         return period_name(std::get<0>(info.param)) + "_" + std::to_string(std::get<1>(info.param)) + "ch";
     });
-
-// Least-squares fit of a * cos(w j) + b * sin(w j) + d to one channel from
-// frame `from` on; returns the largest residual and the fitted amplitude.
-struct SineFit {
-    double amplitude = 0, worst = 0;
-};
-
-SineFit fit_sine(const std::vector<int16_t> &s, unsigned channels, unsigned c, size_t from, double w) {
-    const size_t frames = s.size() / channels;
-    double m[3][4] = {};
-    for (size_t j = from; j < frames; ++j) {
-        const double v[3] = {std::cos(w * j), std::sin(w * j), 1.0}, y = s[j * channels + c];
-        for (int r = 0; r < 3; ++r) {
-            for (int k = 0; k < 3; ++k) m[r][k] += v[r] * v[k];
-            m[r][3] += v[r] * y;
-        }
-    }
-    for (int p = 0; p < 3; ++p)  // Gauss-Jordan on the 3 x 3 normal equations
-        for (int r = 0; r < 3; ++r)
-            if (r != p) {
-                const double f = m[r][p] / m[p][p];
-                for (int k = 0; k < 4; ++k) m[r][k] -= f * m[p][k];
-            }
-    const double a = m[0][3] / m[0][0], b = m[1][3] / m[1][1], d = m[2][3] / m[2][2];
-    SineFit f;
-    f.amplitude = std::hypot(a, b);
-    for (size_t j = from; j < frames; ++j)
-        f.worst = std::max(f.worst, std::abs(s[j * channels + c] - (a * std::cos(w * j) + b * std::sin(w * j) + d)));
-    return f;
-}
 
 // Periods off the ratio N: alsa-lib takes out_period frames for every
 // in_period, so a tone must come out at in_period / out_period times its

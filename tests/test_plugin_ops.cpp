@@ -9,6 +9,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstring>
 #include <string>
@@ -562,6 +563,38 @@ TEST_F(PluginOps, PeriodsFromTheFirstCallWithoutAdjustPitch) {
     ops_.reset(obj_);
     EXPECT_EQ(run(), announced);
     EXPECT_NE(std::count(announced.begin(), announced.end(), int16_t{0}), static_cast<std::ptrdiff_t>(announced.size()));
+}
+
+// Periods off the ratio N in both directions (alsa-lib never rounds an up
+// period, a host may): a tone comes out at the period ratio's pitch, clean,
+// with exactly out_period frames per call.
+TEST_F(PluginOps, PeriodsOffTheRatioFollowThePeriodRatio) {
+    struct Case { unsigned in_rate, out_rate, channels, in_period, out_period; };
+    for (const Case &c : {Case{16000, 48000, 2, 320, 961}, Case{8000, 16000, 1, 160, 318}, Case{8000, 48000, 3, 5, 31},
+                          Case{48000, 24000, 2, 962, 480}, Case{48000, 8000, 4, 35, 6}}) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate) + " periods " +
+                     std::to_string(c.in_period) + " -> " + std::to_string(c.out_period));
+        setup(c.in_rate, c.out_rate, c.channels, c.in_period, c.out_period);
+        const size_t periods = 4 * c.in_rate / c.in_period;  // 4 s
+        std::vector<int16_t> out;
+        for (size_t p = 0; p < periods; ++p) {
+            std::vector<int16_t> src(size_t{c.in_period} * c.channels);
+            for (size_t k = 0; k < c.in_period; ++k)
+                for (unsigned ch = 0; ch < c.channels; ++ch)
+                    src[k * c.channels + ch] = static_cast<int16_t>(std::lround(
+                        9000.0 * std::sin(2 * M_PI * (400.0 + 150.0 * ch) * double(p * c.in_period + k) / c.in_rate)));
+            const auto got = convert(src, c.out_period, c.channels);
+            out.insert(out.end(), got.begin(), got.end());
+        }
+        ASSERT_EQ(out.size(), periods * c.out_period * c.channels);
+        for (unsigned ch = 0; ch < c.channels; ++ch) {
+            const double w = 2 * M_PI * (400.0 + 150.0 * ch) / c.in_rate * c.in_period / c.out_period;
+            const rsmpl_test::SineFit f = rsmpl_test::fit_sine(out, c.channels, ch, c.out_rate / 50, w);
+            EXPECT_NEAR(f.amplitude, 9000.0, 250.0) << ch;
+            EXPECT_LT(f.worst, 0.002 * 9000.0) << ch;
+        }
+    }
+    EXPECT_TRUE(g_reports.empty());
 }
 
 TEST_F(PluginOps, ResetClearsEveryChannelsHistory) {
