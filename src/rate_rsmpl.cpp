@@ -51,6 +51,9 @@ typedef void (*rsmpl_convert_fn)(void *obj, int16_t *dst, unsigned int dst_frame
 /* Corrected frames per channel stay below 4/3 of their input plus 2: one up chunk (1440), or four channels of a slice. */
 #define RSMPL_CORRECT_SLICE 240
 #define RSMPL_STAGING_SAMPLES 2048
+static_assert(RSMPL_SAMPLE_BUF_SAMPLES * 4 / 3 + 2 <= RSMPL_STAGING_SAMPLES &&
+		      RSMPL_MAX_CHANNELS * (RSMPL_CORRECT_SLICE * 4 / 3 + 2) <= RSMPL_STAGING_SAMPLES,
+	      "corrected frames fit the staging buffer");
 
 /*
  * Periods that a FIR stage cannot take as they come. Input frames short of
