@@ -48,7 +48,7 @@ typedef void (*rsmpl_convert_fn)(void *obj, int16_t *dst, unsigned int dst_frame
 
 #define RSMPL_CARRY_FRAMES 40 /* above the largest minimum block less one (35) */
 #define RSMPL_HELD_FRAMES 96  /* above the largest output delay plus one burst */
-/* Corrected frames per channel stay below 4/3 of their input plus 2: one up chunk (1440), or four channels of a slice. */
+/* Corrected frames stay below 4/3 of their input plus 2: one up chunk, or four channels of a slice. */
 #define RSMPL_CORRECT_SLICE 240
 #define RSMPL_STAGING_SAMPLES 2048
 static_assert(RSMPL_SAMPLE_BUF_SAMPLES * 4 / 3 + 2 <= RSMPL_STAGING_SAMPLES &&
@@ -85,7 +85,7 @@ enum {
 	RSMPL_FIT_UNDECIDED = 0, /* decided by the next conversion */
 	RSMPL_FIT_PLAIN,         /* periods meet the block rules, or nothing better is known */
 	RSMPL_FIT_CARRY,         /* exact ratio, blocks evened out through carry and held */
-	RSMPL_FIT_CORRECT,       /* carry and held, then a linear step from N to the period ratio */
+	RSMPL_FIT_CORRECT,       /* as CARRY, plus the cubic step from N to the period ratio */
 };
 
 struct rsmpl_rate {
@@ -224,9 +224,10 @@ static void scatter_channel(int16_t *__restrict dst, const int16_t *__restrict b
  * stage's block rules. Each chunk of one channel is gathered into
  * sample_buf, converted there in place, and scattered back. A chunk the
  * stage refuses (only when a call strays from such periods) comes out as
- * silence on that channel, and the channel's history stays as it was. Output never goes past dst_frames: what does not
- * fit is converted (so the history stays continuous) but dropped. Returns
- * whether anything was dropped, for the caller to report under its own name.
+ * silence on that channel, and the channel's history stays as it was.
+ * Output never goes past dst_frames: what does not fit is converted (so the
+ * history stays continuous) but dropped. Returns whether anything was
+ * dropped, for the caller to report under its own name.
  */
 static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, uint32_t dst_frames,
                               const int16_t *src, uint32_t src_frames)
