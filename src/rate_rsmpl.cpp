@@ -552,8 +552,10 @@ static bool fit_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, uint32_t
 }
 
 /*
- * Periods come from adjust_pitch; a host that skipped it is taken at its
- * first call's word. Periods that meet the block rules keep the plain loop.
+ * Periods come from adjust_pitch. A host that skipped it keeps the plain
+ * loop as long as its first call meets the block rules (whatever dst_frames
+ * says); otherwise it is taken at that call's word. Periods that meet the
+ * block rules in the exact ratio keep the plain loop too.
  */
 static bool fit_wanted(struct rsmpl_rate *rate, bool up, uint32_t dst_frames, uint32_t src_frames)
 {
@@ -561,6 +563,10 @@ static bool fit_wanted(struct rsmpl_rate *rate, bool up, uint32_t dst_frames, ui
 
 	if (fit->mode == RSMPL_FIT_UNDECIDED) {
 		if (fit->in_period == 0 || fit->out_period == 0) {
+			if (admissible(rules_of(up, rate->factor), src_frames) == src_frames) {
+				fit->mode = RSMPL_FIT_PLAIN;
+				return false;
+			}
 			fit->in_period = src_frames;
 			fit->out_period = dst_frames;
 		}

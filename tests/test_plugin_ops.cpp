@@ -543,8 +543,9 @@ TEST_F(PluginOps, PeriodsOffTheBlockRulesGiveTheOneStreamDelayed) {
     EXPECT_TRUE(g_reports.empty());
 }
 
-// A host that never calls adjust_pitch is taken at its first call's frame
-// counts: the same stream as with the periods announced.
+// A host that never calls adjust_pitch and whose first call breaks the
+// block rules is taken at that call's frame counts: the same stream as with
+// the periods announced.
 TEST_F(PluginOps, PeriodsFromTheFirstCallWithoutAdjustPitch) {
     const auto in = random_samples(882 * 30 * 2, 51);
     const auto run = [&] {
@@ -563,6 +564,17 @@ TEST_F(PluginOps, PeriodsFromTheFirstCallWithoutAdjustPitch) {
     ops_.reset(obj_);
     EXPECT_EQ(run(), announced);
     EXPECT_NE(std::count(announced.begin(), announced.end(), int16_t{0}), static_cast<std::ptrdiff_t>(announced.size()));
+
+    // A first call that meets the block rules keeps the plain loop, whatever
+    // dst_frames says: N frames out per frame in, cut at dst_frames.
+    info = make_info(16000, 48000, 1);
+    ASSERT_EQ(ops_.init(obj_, &info), 0);
+    ops_.reset(obj_);
+    const auto src = random_samples(320, 52);
+    const auto want = FirReference(1, true, 3).run(src, {320});
+    EXPECT_EQ(convert(src, 900, 1), std::vector<int16_t>(want.begin(), want.begin() + 900));
+    ASSERT_EQ(g_reports.size(), 1u);
+    expect_report(g_reports[0], "rsmplrate_Up", "dst_frames overflow");
 }
 
 // Periods off the ratio N in both directions (alsa-lib never rounds an up
