@@ -5,8 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j "$(nproc)"
+cmake --preset main
+cmake --build --preset main -j "$(nproc)"
 
 # Run from the build tree: build/alsa-lib holds this module and links to the
 # system's other rate converters, for the comparison run.
