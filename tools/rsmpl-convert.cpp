@@ -379,7 +379,7 @@ long measure_delay(const Setup &s) {
     const unsigned long a = s.in_rate / g;
     const long half = 1 + static_cast<long>(2 * s.in_rate / s.out_rate);  // input frames each side
     const unsigned long k0 = (2 * s.period_in + 1000 + static_cast<unsigned long>(half) + a - 1) / a * a;
-    const size_t frames = k0 + std::max<size_t>(s.in_rate, 4 * s.period_in);
+    const size_t frames = k0 + std::max<size_t>(s.in_rate / 4, 4 * s.period_in);
     std::vector<int16_t> in(frames * s.channels, 0);
     for (long k = -half + 1; k < half; ++k) {
         const double w = 0.5 + 0.5 * std::cos(M_PI * static_cast<double>(k) / static_cast<double>(half));
@@ -444,6 +444,7 @@ struct Writer {
     std::atomic<int64_t> limit{INT64_MAX};
     int64_t written = 0;
     std::string error;
+    std::atomic<bool> failed{false};
 
     void run() {
         std::vector<int16_t> buf(65536);
@@ -464,7 +465,10 @@ struct Writer {
             const int64_t room = limit.load() - written;
             const int64_t n = std::min<int64_t>(room, static_cast<int64_t>(frames - first));
             if (n > 0 && error.empty()) {
-                if (sf_writef_short(out, buf.data() + first * channels, n) != n) error = sf_strerror(out);
+                if (sf_writef_short(out, buf.data() + first * channels, n) != n) {
+                    error = sf_strerror(out);
+                    failed = true;
+                }
                 written += n;
             }
             std::memmove(bytes, bytes + frames * frame_bytes, have - frames * frame_bytes);
@@ -685,7 +689,14 @@ int main(int argc, char **argv) {
         for (size_t i = 0; i < static_cast<size_t>(got) * channels; ++i) block[i] = quantise(wide[i]);
         write_all(pcm, block.data(), static_cast<snd_pcm_uframes_t>(got), channels);
         frames_in += got;
+        // A full disk ends the run at once, not after the whole input.
+        if (writer.failed) break;
         progress.update(frames_in, in_info.frames);
+    }
+    if (writer.failed) {
+        close(pipe_fds[1]);
+        writer_thread.join();
+        fail("writing '" + opt.output + "' failed: " + writer.error);
     }
     if (sf_error(in) != SF_ERR_NO_ERROR) fail("reading " + in_name + " failed: " + sf_strerror(in));
     if (length_known && frames_in < in_info.frames && !opt.quiet)
