@@ -437,4 +437,29 @@ TEST(RsmplConvertDocs, ManPageAndCompletionFollowTheHelp) {
     EXPECT_GE(options, 15u);
 }
 
+// Installed where a user looks: the program, `man rsmpl-convert`, and the
+// completion that bash-completion loads by command name.
+TEST(RsmplConvertDocs, InstalledWithManPageAndCompletion) {
+    const fs::path stage = fs::temp_directory_path() / ("rsmpl-convert-install-" + std::to_string(getpid()));
+    fs::remove_all(stage);
+    const rsmpl_test::Cmd install = rsmpl_test::sh("DESTDIR='" + stage.string() + "' cmake --install '" RSMPL_BINARY_DIR "'");
+    ASSERT_EQ(install.status, 0) << install.output;
+    fs::path program, man, completion;
+    for (const auto &e : fs::recursive_directory_iterator(stage)) {
+        const std::string p = e.path().string();
+        if (p.ends_with("/bin/rsmpl-convert")) program = e.path();
+        if (p.ends_with("/share/man/man1/rsmpl-convert.1")) man = e.path();
+        if (p.ends_with("/share/bash-completion/completions/rsmpl-convert")) completion = e.path();
+    }
+    EXPECT_FALSE(program.empty()) << install.output;
+    EXPECT_FALSE(man.empty()) << install.output;
+    ASSERT_FALSE(completion.empty()) << install.output;
+    const rsmpl_test::Cmd words = rsmpl_test::sh(
+        "bash -c 'source \"" + completion.string() +
+        "\"; COMP_WORDS=(rsmpl-convert --no-c); COMP_CWORD=1; _rsmpl_convert; echo \"${COMPREPLY[*]}\"; "
+        "COMP_WORDS=(rsmpl-convert -t fl); COMP_CWORD=2; _rsmpl_convert; echo \"${COMPREPLY[*]}\"'");
+    EXPECT_EQ(words.output, "--no-clobber\nflac\n");
+    fs::remove_all(stage);
+}
+
 }  // namespace
