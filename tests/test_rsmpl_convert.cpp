@@ -307,6 +307,13 @@ TEST_F(RsmplConvert, OptionForms) {
         EXPECT_NE(r.output.find("invalid rate"), std::string::npos) << r.output;
     }
 
+    // Through a link, the file it points to is replaced and the link stays.
+    const auto at_16k = fs::file_size(path("o.aiff"));
+    fs::create_symlink(path("o.aiff"), path("link.aiff"));
+    ASSERT_EQ(run("-q -c rsmplrate -r 8k -- " + in + " " + quoted(path("link.aiff"))).status, 0);
+    EXPECT_TRUE(fs::is_symlink(path("link.aiff")));
+    EXPECT_EQ(fs::file_size(path("o.aiff")), at_16k - 800 * 2);  // 1600 frames became 800
+
     // -n leaves an existing file alone, and says so.
     const std::string before = slurp(path("o.wav"));
     r = run("-n -c rsmplrate -r 16k -- " + in + " " + quoted(path("o.wav")));

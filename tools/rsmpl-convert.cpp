@@ -511,7 +511,16 @@ struct Destination {
     void open(const Options &o) {
         path = o.output;
         struct stat st {};
-        const bool exists = path != "-" && lstat(path.c_str(), &st) == 0;
+        bool exists = path != "-" && lstat(path.c_str(), &st) == 0;
+        if (exists && S_ISLNK(st.st_mode)) {
+            // Replace the file a link points to, not the link.
+            std::error_code ec;
+            const auto target = std::filesystem::canonical(path, ec);
+            if (!ec) {
+                path = target.string();
+                exists = stat(path.c_str(), &st) == 0;
+            }
+        }
         if (path == "-" || (exists && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode))) {
             stream = true;
             stream_fd = path == "-" ? STDOUT_FILENO : -1;
