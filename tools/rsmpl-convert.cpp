@@ -113,7 +113,7 @@ void usage(FILE *to) {
                  "  -t, --type TYPE        output file type (wav, flac, aiff, au, caf, raw, ...)\n"
                  "  -n, --no-clobber       never overwrite an existing OUTPUT\n"
                  "      --no-dither        truncate wide samples to 16 bits instead of dithering\n"
-                 "  -q, --quiet            no progress display, no notes\n"
+                 "  -q, --quiet            no progress display, no notes (warnings stay)\n"
                  "  -v, --verbose          also name the kernel engine (RSMPL_ENGINE forces one)\n"
                  "  -V, --version          the version\n"
                  "  -h, --help             this text\n"
@@ -610,13 +610,25 @@ int main(int argc, char **argv) {
     if (channels == 0 || (own != nullptr && channels > own->max_channels))
         fail(in_name + ": " + std::to_string(channels) + " channels; the " + opt.converter + " converter handles 1 to " +
              std::to_string(own != nullptr ? own->max_channels : 0));
+    // libsndfile cuts a chunk that runs past the end of the file to what is
+    // there and logs "size (should be smaller size)".
+    bool short_warned = false;
     {
         char log[8192] = "";
         sf_command(in, SFC_GET_LOG_INFO, log, sizeof(log));
-        if (std::strstr(log, "should be") != nullptr && !opt.quiet)
-            std::fprintf(stderr, "%s: warning: %s is shorter than its header says; converting the %" PRId64
-                                 " frames present\n",
-                         g_prog, in_name.c_str(), static_cast<int64_t>(in_info.frames));
+        for (const char *line = log; line != nullptr && *line != '\0' && !short_warned;) {
+            long long said = 0, there = 0;
+            const char *colon = std::strchr(line, ':');
+            const char *eol = std::strchr(line, '\n');
+            if (colon != nullptr && (eol == nullptr || colon < eol) &&
+                std::sscanf(colon + 1, " %lld (should be %lld)", &said, &there) == 2 && there < said) {
+                std::fprintf(stderr, "%s: warning: %s is shorter than its header says; converting the %" PRId64
+                                     " frames present\n",
+                             g_prog, in_name.c_str(), static_cast<int64_t>(in_info.frames));
+                short_warned = true;
+            }
+            line = eol != nullptr ? eol + 1 : nullptr;
+        }
     }
 
     std::string type = opt.type;
@@ -708,7 +720,7 @@ int main(int argc, char **argv) {
         fail("writing '" + opt.output + "' failed: " + writer.error);
     }
     if (sf_error(in) != SF_ERR_NO_ERROR) fail("reading " + in_name + " failed: " + sf_strerror(in));
-    if (length_known && frames_in < in_info.frames && !opt.quiet)
+    if (length_known && frames_in < in_info.frames && !short_warned)
         std::fprintf(stderr, "%s: warning: %s is shorter than its header says (%" PRId64 " of %" PRId64 " frames)\n",
                      g_prog, in_name.c_str(), frames_in, static_cast<int64_t>(in_info.frames));
     sf_close(in);
@@ -739,7 +751,7 @@ int main(int argc, char **argv) {
     if (sf_close(out) != 0) fail("writing '" + opt.output + "' failed");
     dest.commit();
 
-    if (quantise.clipped > 0 && !opt.quiet)
+    if (quantise.clipped > 0)
         std::fprintf(stderr, "%s: warning: %" PRIu64 " samples beyond full scale were clipped\n", g_prog,
                      quantise.clipped);
     // The summary goes to standard error when the audio goes to standard output.
