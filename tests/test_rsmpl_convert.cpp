@@ -350,6 +350,26 @@ TEST_F(RsmplConvert, FailingWriteLeavesTheOldOutputIntact) {
     EXPECT_NE(missing.output.find("cannot write"), std::string::npos) << missing.output;
 }
 
+// Ctrl-C while the input is still coming: the tool waits on a pipe that has
+// half a file in it, the test waits for its temporary file and interrupts it.
+TEST_F(RsmplConvert, InterruptLeavesTheOldOutputIntact) {
+    write_wav(path("in.wav"), 16000, 1, 16, rsmpl_test::random_samples(32000, 17));
+    write_wav(path("old.wav"), 8000, 1, 16, rsmpl_test::random_samples(800, 18));
+    const std::string old = slurp(path("old.wav"));
+    std::ofstream(path("half.wav"), std::ios::binary) << slurp(path("in.wav")).substr(0, 44 + 16000);
+    const std::string d = quoted(dir_.string());
+    const rsmpl_test::Cmd r = rsmpl_test::sh(
+        "cd " + d + " && mkfifo feed && exec 3<>feed && "
+        "{ ALSA_PLUGIN_DIR='" RSMPL_BINARY_DIR "/alsa-lib' ${RSMPL_EMULATOR:-} '" RSMPL_BINARY_DIR
+        "/tools/rsmpl-convert' -q -c rsmplrate -r 48k - old.wav < feed & } ; pid=$!; cat half.wav >&3; "
+        "for i in $(seq 600); do ls -a | grep -q '^.old.wav.rsmpl-' && { echo seen; break; }; sleep 0.05; done; "
+        "kill -INT $pid; wait $pid; echo \"status $?\"");
+    EXPECT_NE(r.output.find("seen\n"), std::string::npos) << r.output;  // it had begun writing
+    EXPECT_NE(r.output.find("status 130"), std::string::npos) << r.output;
+    EXPECT_EQ(slurp(path("old.wav")), old);
+    EXPECT_EQ(leftovers(dir_), 0u);
+}
+
 // --verbose names the engine the library chose, honouring RSMPL_ENGINE.
 TEST_F(RsmplConvert, VerboseNamesTheKernelEngine) {
     write_wav(path("in.wav"), 16000, 1, 16, hostile_samples(1600, 5));
