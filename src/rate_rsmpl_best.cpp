@@ -244,6 +244,9 @@ static bool sinc_convert(struct best_rate *rate, const int16_t *src, uint32_t sr
 
 	/* The trim: follow the period ratio exactly over any length of stream. */
 	rate->error += (int64_t)(produced * rate->in_period) - (int64_t)((uint64_t)src_frames * rate->out_period);
+	/* Only a host that ignores its periods gets near this; keep the sum bounded. */
+	if (rate->error > ((int64_t)1 << 40) || rate->error < -((int64_t)1 << 40))
+		rate->error = rate->error < 0 ? -((int64_t)1 << 40) : ((int64_t)1 << 40);
 	const int mode = rate->error < 0 ? 2 : rate->error >= (int64_t)rate->in_period ? 0 : 1;
 	if (mode != rate->mode) {
 		rate->mode = mode;
@@ -389,7 +392,7 @@ static bool best_plan(struct best_rate *rate)
 	const bool exact = !known || pout * in == pin * out;
 	const char *dir = in < out ? "UP" : "DOWN";
 
-	if (in == 0 || out == 0)
+	if (in == 0 || out == 0 || pin > UINT32_MAX || pout > UINT32_MAX)
 		return false;
 	if (!known) {
 		pin = in;
