@@ -83,56 +83,127 @@ static inline uint64_t div_u64(uint64_t a, uint64_t b)
 	return b ? a / b : 0;
 }
 
-/* ---- Output FIFO ------------------------------------------------------------ */
+/* ---- Output -----------------------------------------------------------------
+ *
+ * A call's output stream is the FIFO's content followed by what the call
+ * converts: its first dst_frames frames go to dst and the rest to the FIFO.
+ * Outputs are written straight into dst while dst has room, so in the steady
+ * state each sample is moved once; only the overhang passes through the FIFO.
+ */
+struct sink {
+	int16_t *dst;
+	uint32_t frames; /* dst_frames */
+	uint32_t pos;    /* frames of dst written */
+	bool kept;       /* false once the FIFO had to drop frames */
+};
 
-static void fifo_take(struct best_rate *rate, int16_t *dst, uint32_t frames)
+static void sink_begin(struct best_rate *rate, struct sink *out, int16_t *dst, uint32_t dst_frames)
 {
 	const size_t ch = rate->channels;
-	memcpy(dst, rate->fifo, frames * ch * sizeof(int16_t));
-	rate->fifo_frames -= frames;
-	memmove(rate->fifo, rate->fifo + frames * ch, rate->fifo_frames * ch * sizeof(int16_t));
+	const uint32_t n = rate->fifo_frames < dst_frames ? rate->fifo_frames : dst_frames;
+
+	out->dst = dst;
+	out->frames = dst_frames;
+	out->pos = n;
+	out->kept = true;
+	memcpy(dst, rate->fifo, n * ch * sizeof(int16_t));
+	rate->fifo_frames -= n;
+	if (rate->fifo_frames > 0)
+		memmove(rate->fifo, rate->fifo + n * ch, rate->fifo_frames * ch * sizeof(int16_t));
 }
 
 /*
- * Makes room for `frames` more: early frames go to dst while it has room
- * (the same order as taking them at the end), and only a host that sends far
- * more input than its output period can take loses the oldest.
+ * How many of the next `frames` outputs go to dst; the FIFO gets room for
+ * the rest. Only a host that sends far more input than its output period
+ * can take makes the FIFO drop its oldest frames.
  */
-static bool fifo_make_room(struct best_rate *rate, uint32_t frames, int16_t **dst, uint32_t *dst_left)
+static uint32_t sink_reserve(struct best_rate *rate, struct sink *out, uint32_t frames)
 {
-	if (rate->fifo_frames + frames <= BEST_FIFO_FRAMES)
-		return true;
-	uint32_t n = rate->fifo_frames < *dst_left ? rate->fifo_frames : *dst_left;
-	fifo_take(rate, *dst, n);
-	*dst += (size_t)n * rate->channels;
-	*dst_left -= n;
-	if (rate->fifo_frames + frames <= BEST_FIFO_FRAMES)
-		return true;
-	n = rate->fifo_frames + frames - BEST_FIFO_FRAMES;
-	if (n > rate->fifo_frames)
-		n = rate->fifo_frames;
-	rate->fifo_frames -= n;
-	memmove(rate->fifo, rate->fifo + (size_t)n * rate->channels,
-		(size_t)rate->fifo_frames * rate->channels * sizeof(int16_t));
-	return false;
+	const uint32_t to_dst = rate->fifo_frames > 0 ? 0
+				: frames < out->frames - out->pos ? frames : out->frames - out->pos;
+	const uint32_t rest = frames - to_dst;
+
+	if (rate->fifo_frames + rest > BEST_FIFO_FRAMES) {
+		const size_t ch = rate->channels;
+		uint32_t drop = rate->fifo_frames + rest - BEST_FIFO_FRAMES;
+		if (drop > rate->fifo_frames)
+			drop = rate->fifo_frames;
+		rate->fifo_frames -= drop;
+		memmove(rate->fifo, rate->fifo + drop * ch, rate->fifo_frames * ch * sizeof(int16_t));
+		out->kept = false;
+	}
+	return to_dst;
+}
+
+static void sink_advance(struct best_rate *rate, struct sink *out, uint32_t frames, uint32_t to_dst)
+{
+	out->pos += to_dst;
+	rate->fifo_frames += frames - to_dst;
+}
+
+static void sink_end(const struct best_rate *rate, struct sink *out)
+{
+	/* Only when the host breaks its own period ratio: silence, never stale data. */
+	memset(out->dst + (size_t)out->pos * rate->channels, 0,
+	       (size_t)(out->frames - out->pos) * rate->channels * sizeof(int16_t));
+	if (!out->kept)
+		snd_lib_error(best_file, __LINE__, __func__, 0, "dst_frames overflow");
+}
+
+/* With the stride a compile-time constant the compiler can unroll and vectorise. */
+template <uint32_t C>
+static void gather_c(int16_t *__restrict mono, const int16_t *__restrict src, uint32_t frames, uint32_t c)
+{
+	src += c;
+	for (uint32_t k = 0; k < frames; k++)
+		mono[k] = src[(size_t)k * C];
+}
+
+template <uint32_t C>
+static void scatter_c(int16_t *__restrict dst, const int16_t *__restrict mono, uint32_t frames, uint32_t c)
+{
+	dst += c;
+	for (uint32_t k = 0; k < frames; k++)
+		dst[(size_t)k * C] = mono[k];
 }
 
 static void gather(int16_t *__restrict mono, const int16_t *__restrict src, uint32_t frames, uint32_t channels,
 		   uint32_t c)
 {
-	src += c;
-	for (uint32_t k = 0; k < frames; k++)
-		mono[k] = src[(size_t)k * channels];
+	switch (channels) {
+	case 1: memcpy(mono, src, frames * sizeof(int16_t)); return;
+	case 2: gather_c<2>(mono, src, frames, c); return;
+	case 3: gather_c<3>(mono, src, frames, c); return;
+	case 4: gather_c<4>(mono, src, frames, c); return;
+	case 5: gather_c<5>(mono, src, frames, c); return;
+	case 6: gather_c<6>(mono, src, frames, c); return;
+	case 7: gather_c<7>(mono, src, frames, c); return;
+	default: gather_c<8>(mono, src, frames, c); return;
+	}
 }
 
-/* Appends one channel's block at FIFO frame `at`. */
-static void scatter(struct best_rate *rate, const int16_t *__restrict mono, uint32_t frames, uint32_t at,
-		    uint32_t c)
+static void scatter_to(int16_t *__restrict dst, const int16_t *__restrict mono, uint32_t frames, uint32_t channels,
+		       uint32_t c)
 {
-	const uint32_t channels = rate->channels;
-	int16_t *dst = rate->fifo + (size_t)at * channels + c;
-	for (uint32_t k = 0; k < frames; k++)
-		dst[(size_t)k * channels] = mono[k];
+	switch (channels) {
+	case 1: memcpy(dst, mono, frames * sizeof(int16_t)); return;
+	case 2: scatter_c<2>(dst, mono, frames, c); return;
+	case 3: scatter_c<3>(dst, mono, frames, c); return;
+	case 4: scatter_c<4>(dst, mono, frames, c); return;
+	case 5: scatter_c<5>(dst, mono, frames, c); return;
+	case 6: scatter_c<6>(dst, mono, frames, c); return;
+	case 7: scatter_c<7>(dst, mono, frames, c); return;
+	default: scatter_c<8>(dst, mono, frames, c); return;
+	}
+}
+
+/* One channel's `frames` outputs: the first to_dst to dst, the rest to the FIFO. */
+static void sink_put(struct best_rate *rate, const struct sink *out, const int16_t *mono, uint32_t frames,
+		     uint32_t to_dst, uint32_t c)
+{
+	const size_t ch = rate->channels;
+	scatter_to(out->dst + out->pos * ch, mono, to_dst, rate->channels, c);
+	scatter_to(rate->fifo + rate->fifo_frames * ch, mono + to_dst, frames - to_dst, rate->channels, c);
 }
 
 /* ---- Paths ------------------------------------------------------------------ */
@@ -142,12 +213,11 @@ static uint32_t fir_output(const struct best_rate *rate, uint32_t frames)
 	return (uint32_t)div_u64((uint64_t)frames * rate->num, rate->den);
 }
 
-/* One FIR block of `frames` interleaved frames into the FIFO. */
-static bool fir_block(struct best_rate *rate, const int16_t *src, uint32_t frames, int16_t **dst,
-		      uint32_t *dst_left)
+/* One FIR block of `frames` interleaved frames. */
+static void fir_block(struct best_rate *rate, const int16_t *src, uint32_t frames, struct sink *out)
 {
-	const uint32_t out = fir_output(rate, frames);
-	const bool kept = fifo_make_room(rate, out, dst, dst_left);
+	const uint32_t n = fir_output(rate, frames);
+	const uint32_t to_dst = sink_reserve(rate, out, n);
 	for (uint32_t c = 0; c < rate->channels; c++) {
 		int16_t *buf = rate->scratch;
 		gather(buf, src, frames, rate->channels, c);
@@ -155,11 +225,10 @@ static bool fir_block(struct best_rate *rate, const int16_t *src, uint32_t frame
 			? RSMPL_Up(rate->ctx[c], buf, buf, (int32_t)frames, rate->index)
 			: RSMPL_Down(rate->ctx[c], buf, buf, (int32_t)frames, rate->index);
 		if (status != RSMPL_OK) /* unreachable: the block rules were met */
-			memset(buf, 0, out * sizeof(*buf));
-		scatter(rate, buf, out, rate->fifo_frames, c);
+			memset(buf, 0, n * sizeof(*buf));
+		sink_put(rate, out, buf, n, to_dst, c);
 	}
-	rate->fifo_frames += out;
-	return kept;
+	sink_advance(rate, out, n, to_dst);
 }
 
 /* Size of the next block out of `avail` runnable frames (a multiple of the quantum, >= min_block). */
@@ -179,11 +248,9 @@ static uint32_t fir_runnable(const struct best_rate *rate, uint32_t avail)
 	return k >= rate->min_block ? k : 0;
 }
 
-static bool fir_convert(struct best_rate *rate, const int16_t *src, uint32_t src_frames, int16_t **dst,
-			uint32_t *dst_left)
+static void fir_convert(struct best_rate *rate, const int16_t *src, uint32_t src_frames, struct sink *out)
 {
 	const size_t ch = rate->channels;
-	bool kept = true;
 
 	while (src_frames > 0) {
 		/* Bounded pieces, so the carry's arithmetic stays in 32 bits. */
@@ -196,7 +263,7 @@ static bool fir_convert(struct best_rate *rate, const int16_t *src, uint32_t src
 			const uint32_t first = fir_next_block(rate, run);
 			const uint32_t add = first - rate->carry_frames;
 			memcpy(rate->carry + rate->carry_frames * ch, in, add * ch * sizeof(int16_t));
-			kept &= fir_block(rate, rate->carry, first, dst, dst_left);
+			fir_block(rate, rate->carry, first, out);
 			rate->carry_frames = 0;
 			in += add * ch;
 			left -= add;
@@ -204,7 +271,7 @@ static bool fir_convert(struct best_rate *rate, const int16_t *src, uint32_t src
 		}
 		while (run > 0) {
 			const uint32_t block = fir_next_block(rate, run);
-			kept &= fir_block(rate, in, block, dst, dst_left);
+			fir_block(rate, in, block, out);
 			in += block * ch;
 			left -= block;
 			run -= block;
@@ -214,30 +281,26 @@ static bool fir_convert(struct best_rate *rate, const int16_t *src, uint32_t src
 		src += (size_t)piece * ch;
 		src_frames -= piece;
 	}
-	return kept;
 }
 
-static bool sinc_convert(struct best_rate *rate, const int16_t *src, uint32_t src_frames, int16_t **dst,
-			 uint32_t *dst_left)
+static void sinc_convert(struct best_rate *rate, const int16_t *src, uint32_t src_frames, struct sink *sink)
 {
 	const size_t ch = rate->channels;
-	bool kept = true;
 	uint64_t produced = 0;
 
 	for (uint32_t done = 0; done < src_frames;) {
 		const uint32_t block = src_frames - done < BEST_SINC_BLOCK ? src_frames - done : BEST_SINC_BLOCK;
-		uint32_t out = 0;
+		uint32_t out = 0, to_dst = 0;
 		for (uint32_t c = 0; c < rate->channels; c++) {
 			gather(rate->mono_in, src + done * ch, block, rate->channels, c);
 			/* Every channel runs the same blocks at the same ratios: the counts agree. */
-			uint32_t status = RSMPL_Resample(rate->ctx[c], rate->mono_in, rate->scratch, (int32_t)block, &out);
-			if (status != RSMPL_OK)
+			if (RSMPL_Resample(rate->ctx[c], rate->mono_in, rate->scratch, (int32_t)block, &out) != RSMPL_OK)
 				out = 0;
 			if (c == 0)
-				kept &= fifo_make_room(rate, out, dst, dst_left);
-			scatter(rate, rate->scratch, out, rate->fifo_frames, c);
+				to_dst = sink_reserve(rate, sink, out);
+			sink_put(rate, sink, rate->scratch, out, to_dst, c);
 		}
-		rate->fifo_frames += out;
+		sink_advance(rate, sink, out, to_dst);
 		produced += out;
 		done += block;
 	}
@@ -253,43 +316,39 @@ static bool sinc_convert(struct best_rate *rate, const int16_t *src, uint32_t sr
 		for (uint32_t c = 0; c < rate->channels; c++)
 			RSMPL_SetResampleRatio(rate->ctx[c], NULL, NULL, NULL, rate->ratios[mode]);
 	}
-	return kept;
 }
 
 static void pcm_best_convert_s16(void *obj, int16_t *dst, unsigned int dst_frames, const int16_t *src,
 				 unsigned int src_frames)
 {
 	struct best_rate *rate = (struct best_rate *)obj;
-	uint32_t left = dst_frames;
-	bool kept = true;
+	const size_t ch = rate->channels;
+	struct sink out;
 
 	if (rate->path == PATH_NONE)
 		return;
+	sink_begin(rate, &out, dst, dst_frames);
 	switch (rate->path) {
 	case PATH_COPY:
 		for (uint32_t done = 0; done < src_frames;) {
 			const uint32_t n = src_frames - done < BEST_SINC_BLOCK ? src_frames - done : BEST_SINC_BLOCK;
-			kept &= fifo_make_room(rate, n, &dst, &left);
-			memcpy(rate->fifo + (size_t)rate->fifo_frames * rate->channels, src + (size_t)done * rate->channels,
-			       (size_t)n * rate->channels * sizeof(int16_t));
-			rate->fifo_frames += n;
+			const uint32_t to_dst = sink_reserve(rate, &out, n);
+			const int16_t *in = src + (size_t)done * ch;
+			memcpy(out.dst + out.pos * ch, in, to_dst * ch * sizeof(int16_t));
+			memcpy(rate->fifo + rate->fifo_frames * ch, in + to_dst * ch, (n - to_dst) * ch * sizeof(int16_t));
+			sink_advance(rate, &out, n, to_dst);
 			done += n;
 		}
 		break;
 	case PATH_UP:
 	case PATH_DOWN:
-		kept = fir_convert(rate, src, src_frames, &dst, &left);
+		fir_convert(rate, src, src_frames, &out);
 		break;
 	default:
-		kept = sinc_convert(rate, src, src_frames, &dst, &left);
+		sinc_convert(rate, src, src_frames, &out);
 		break;
 	}
-	const uint32_t n = rate->fifo_frames < left ? rate->fifo_frames : left;
-	fifo_take(rate, dst, n);
-	/* Only when the host breaks its own period ratio: silence, never stale data. */
-	memset(dst + (size_t)n * rate->channels, 0, (size_t)(left - n) * rate->channels * sizeof(int16_t));
-	if (!kept)
-		snd_lib_error(best_file, __LINE__, __func__, 0, "dst_frames overflow");
+	sink_end(rate, &out);
 }
 
 /* ---- Set-up ----------------------------------------------------------------- */
