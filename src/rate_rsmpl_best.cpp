@@ -422,7 +422,7 @@ static uint32_t fir_prefill(const struct best_rate *rate)
 	uint64_t carry = 0, most = 0;
 	if (rate->in_period == 0)
 		return fir_output(rate, rate->min_block);
-	for (int i = 0; i < 64; i++) {
+	for (int i = 0; i < 128; i++) { /* the carry cycles within min_block calls */
 		const uint64_t avail = carry + rate->in_period;
 		uint64_t run = avail - avail % rate->quantum;
 		if (run < rate->min_block)

@@ -120,7 +120,7 @@ private:
     }
     size_t fir_prefill() const {
         size_t carry = 0, most = 0;
-        for (int i = 0; i < 64; ++i) {
+        for (int i = 0; i < 128; ++i) {
             const size_t avail = carry + pin_;
             size_t run = avail - avail % stage_.quantum;
             if (run < stage_.min_block) run = 0;
