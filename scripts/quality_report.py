@@ -307,7 +307,7 @@ def main():
         "",
         "- **RSMPL_Up / RSMPL_Down**: each fixed-ratio stage through the resampler interface, in place, in the "
         "largest blocks it accepts (rates are nominal: they only give the stage a scale in Hz).",
-        "- **RSMPL_Resample**: the sinc interpolator at ratios 2, 1/2, 48000/44100 and 44100/48000. A new ratio "
+        "- **RSMPL_Resample**: the sinc interpolator at ratios 2, 1/2, 48000/44100, 44100/48000, 48000/22050 and 32000/44100. A new ratio "
         "takes effect after the next block, so a block of the fewest zeros the interface accepts goes first and "
         "its output is dropped.",
         "- **module**: `libasound_module_rate_rsmplrate.so` inside alsa-lib, a `type rate` PCM with converter "
@@ -316,7 +316,7 @@ def main():
         "`lavrate` from libasound2-plugins at their default settings. Every alsa-lib run checks the PCM dump "
         "for the converter that actually ran.",
         "- **rsmplrate_best**: the module's second converter, the same way: the FIR stages for ratios 2, 3, 4, 6, "
-        "3:2 and 2:3, the sinc interpolator for every other pair (here 44100 ↔ 48000).",
+        "3:2 and 2:3, the sinc interpolator for every other pair (here 44100 ↔ 48000, 22050 → 48000 and 44100 → 32000; at the last two the images and aliases from 1.2 fN fall inside the measured band).",
         "",
         "## Method",
         "",

@@ -348,12 +348,16 @@ std::vector<Path> all_paths() {
         const char *name;
         RatePair rates;
     } sinc[] = {{"2", {24000, 48000}}, {"1/2", {48000, 24000}}, {"48000/44100", {44100, 48000}},
-                {"44100/48000", {48000, 44100}}};
+                {"44100/48000", {48000, 44100}},
+                {"48000/22050", {22050, 48000}}, {"32000/44100", {44100, 32000}}};
     for (const auto &s : sinc)
         p.push_back({group(s.rates) + "-sinc", std::string("RSMPL_Resample ") + s.name, "ours", s.rates.in,
                      s.rates.out, rsmpl_sinc(static_cast<float>(double(s.rates.out) / s.rates.in))});
     pairs.push_back({44100, 48000});
     pairs.push_back({48000, 44100});
+    // Sinc pairs of rsmplrate_best whose images (aliases) from 1.2 fN fall below the output (input) Nyquist frequency.
+    pairs.push_back({22050, 48000});
+    pairs.push_back({44100, 32000});
 
     for (RatePair r : pairs) {
         const bool fir = (r.out % r.in == 0 || r.in % r.out == 0) &&
@@ -365,7 +369,8 @@ std::vector<Path> all_paths() {
                           std::string("RSMPL Converter: ") + (fir ? "FIR filter, " : "Linear, ") + dir + " " +
                               std::to_string(r.in) + " -> " + std::to_string(r.out))});
         // The second converter: FIR stages wherever one exists (every stage pair here), sinc otherwise.
-        const bool stage_pair = r.in != 44100 && r.out != 44100;
+        const unsigned lo = std::min(r.in, r.out), hi = std::max(r.in, r.out);
+        const bool stage_pair = (hi % lo == 0 && std::set<unsigned>{2, 3, 4, 6}.count(hi / lo)) || 2 * hi == 3 * lo;
         p.push_back({group(r) + "-rsmplrate_best", std::string("rsmplrate_best, ") + (stage_pair ? "FIR" : "sinc"),
                      "ours", r.in, r.out,
                      alsa("rsmplrate_best", r.in, r.out,
