@@ -246,6 +246,14 @@ def limits(paths):
         p = find(paths, pid)
         return "not measured" if p is None else f"{fnum(p['rej_fn_db']):.1f} dB"
 
+    def rej12(pid):
+        p = find(paths, pid)
+        return "not measured" if p is None else f"{fnum(p['rej_12fn_db']):.1f} dB"
+
+    def pmin(pid):
+        p = find(paths, pid)
+        return "not measured" if p is None else f"{fnum(p['pass_min_db']):.2f}"
+
     def dc(pid):
         p = find(paths, pid)
         return "not measured" if p is None else f"{fnum(p['dc_gain']):.4f}"
@@ -271,6 +279,11 @@ def limits(paths):
         "(4, 3:2, 2:3, 44100 ↔ 48000, …) by straight-line interpolation: images and aliases are suppressed only "
         "by the interpolator's own sinc² shape, a few dB near the Nyquist frequency "
         f"({rej('44100-48000-rsmplrate')} at 44100 → 48000, {rej('48000-44100-rsmplrate')} at 48000 → 44100).",
+        "- **rsmplrate_best's sinc pairs roll off early.** The interpolator's prototype is −6 dB at 0.88 fN, so "
+        f"the passband up to 0.85 fN reaches {pmin('44100-48000-rsmplrate_best')} dB and images or aliases just "
+        f"above fN reach {rej('44100-48000-rsmplrate_best')} down (44100 → 48000); from 1.2 fN they are "
+        f"{rej12('22050-48000-rsmplrate_best')} (22050 → 48000) and {rej12('44100-32000-rsmplrate_best')} "
+        "(44100 → 32000). Its FIR pairs are the stages above, with their limits.",
     ]
     return "\n".join(lines)
 
