@@ -281,7 +281,7 @@ def limits(paths):
         f"({rej('44100-48000-rsmplrate')} at 44100 → 48000, {rej('48000-44100-rsmplrate')} at 48000 → 44100).",
         "- **rsmplrate_best's sinc pairs roll off early.** The interpolator's prototype is −6 dB at 0.88 fN, so "
         f"the passband up to 0.85 fN reaches {pmin('44100-48000-rsmplrate_best')} dB and images or aliases just "
-        f"above fN reach {rej('44100-48000-rsmplrate_best')} down (44100 → 48000); from 1.2 fN they are "
+        f"above fN reach {rej('44100-48000-rsmplrate_best')} (44100 → 48000); from 1.2 fN they are "
         f"{rej12('22050-48000-rsmplrate_best')} (22050 → 48000) and {rej12('44100-32000-rsmplrate_best')} "
         "(44100 → 32000). Its FIR pairs are the stages above, with their limits.",
     ]
