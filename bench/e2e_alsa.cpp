@@ -61,6 +61,7 @@ struct Converter {
 // proves from the dump that the named converter ran and nothing fell back.
 const Converter kConverters[] = {
     {"rsmplrate", "rsmplrate", "RSMPL Converter:"},
+    {"rsmplrate_best", "rsmplrate_best", "RSMPL Converter:"},
     {"linear", "linear (alsa-lib)", "Converter: linear-interpolation"},
     {"speexrate", "speexrate", "Converter: libspeex"},
     {"samplerate", "samplerate", "Converter: libsamplerate"},
@@ -68,6 +69,7 @@ const Converter kConverters[] = {
     {"benchcopy", "copy floor", "Bench copy converter"},
 };
 constexpr size_t kOurs = 0;
+constexpr size_t kBest = 1;
 constexpr size_t kFloor = sizeof(kConverters) / sizeof(kConverters[0]) - 1;
 constexpr size_t kNumConverters = sizeof(kConverters) / sizeof(kConverters[0]);
 
@@ -121,6 +123,7 @@ public:
         }
         globfree(&g);
         if (!opt.module.empty()) Link(opt.module);
+        if (!opt.module.empty()) Link(opt.module, "libasound_module_rate_rsmplrate_best.so");
         if (!opt.copy_module.empty()) Link(opt.copy_module);
         return true;
     }
@@ -131,8 +134,8 @@ public:
     const std::string &path() const { return dir_; }
 
 private:
-    void Link(const std::string &target) {
-        const std::string base = target.substr(target.find_last_of('/') + 1);
+    void Link(const std::string &target, std::string base = "") {
+        if (base.empty()) base = target.substr(target.find_last_of('/') + 1);
         const std::string link = dir_ + "/" + base;
         unlink(link.c_str());  // a module we built wins over an installed one of the same name
         if (symlink(target.c_str(), link.c_str()) == 0) links_.push_back(link);
@@ -406,38 +409,46 @@ int main(int argc, char **argv) {
 
     // Ratios per round (the same round measured both), so drift of the
     // machine between rounds cancels; then median, min and max of those.
-    std::printf("\n#### rsmplrate against each peer: peer CPU time / rsmplrate CPU time (median, min to max over "
-                "rounds; above 1 means rsmplrate is cheaper)\n\n| Rate pair |");
-    for (size_t c = 0; c < kNumConverters; ++c)
-        if (c != kOurs && c != kFloor) std::printf(" vs %s |", kConverters[c].label);
-    std::printf("\n|---|");
-    for (size_t c = 2; c < kNumConverters; ++c) std::printf("---:|");
-    std::printf("\n");
-    for (size_t p = 0; p < num_pairs; ++p) {
-        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
-        const Cell &ours = cells[p][kOurs];
-        for (size_t c = 0; c < kNumConverters; ++c) {
-            if (c == kOurs || c == kFloor) continue;
-            const Cell &peer = cells[p][c];
-            const size_t n = std::min(ours.cpu.size(), peer.cpu.size());
-            if (n == 0) {
-                std::printf(" n/a |");
-                continue;
-            }
-            std::vector<double> ratios;
-            for (size_t r = 0; r < n; ++r) ratios.push_back(peer.cpu[r] / ours.cpu[r]);
-            const auto [lo, hi] = std::minmax_element(ratios.begin(), ratios.end());
-            std::printf(" %s (%s–%s) |", Ratio(Median(ratios)).c_str(), Ratio(*lo).c_str(), Ratio(*hi).c_str());
-        }
+    auto ratio_table = [&](size_t mine) {
+        const char *name = kConverters[mine].label;
+        std::printf("\n#### %s against each other converter: its CPU time / %s CPU time (median, min to max over "
+                    "rounds; above 1 means %s is cheaper)\n\n| Rate pair |",
+                    name, name, name);
+        for (size_t c = 0; c < kNumConverters; ++c)
+            if (c != mine && c != kFloor) std::printf(" vs %s |", kConverters[c].label);
+        std::printf("\n|---|");
+        for (size_t c = 2; c < kNumConverters; ++c) std::printf("---:|");
         std::printf("\n");
-    }
+        for (size_t p = 0; p < num_pairs; ++p) {
+            std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+            const Cell &ours = cells[p][mine];
+            for (size_t c = 0; c < kNumConverters; ++c) {
+                if (c == mine || c == kFloor) continue;
+                const Cell &peer = cells[p][c];
+                const size_t n = std::min(ours.cpu.size(), peer.cpu.size());
+                if (n == 0) {
+                    std::printf(" n/a |");
+                    continue;
+                }
+                std::vector<double> ratios;
+                for (size_t r = 0; r < n; ++r) ratios.push_back(peer.cpu[r] / ours.cpu[r]);
+                const auto [lo, hi] = std::minmax_element(ratios.begin(), ratios.end());
+                std::printf(" %s (%s–%s) |", Ratio(Median(ratios)).c_str(), Ratio(*lo).c_str(), Ratio(*hi).c_str());
+            }
+            std::printf("\n");
+        }
+    };
+    ratio_table(kOurs);
+    ratio_table(kBest);
 
-    std::printf("\n#### Which converter ran (from snd_pcm_dump)\n\n| Rate pair | rsmplrate |\n|---|---|\n");
+    std::printf("\n#### Which converter ran (from snd_pcm_dump)\n\n| Rate pair | rsmplrate | rsmplrate_best |\n"
+                "|---|---|---|\n");
     for (size_t p = 0; p < num_pairs; ++p)
-        std::printf("| %s → %s | %s |\n", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str(),
-                    cells[p][kOurs].dump_line.empty() ? "n/a" : cells[p][kOurs].dump_line.c_str());
+        std::printf("| %s → %s | %s | %s |\n", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str(),
+                    cells[p][kOurs].dump_line.empty() ? "n/a" : cells[p][kOurs].dump_line.c_str(),
+                    cells[p][kBest].dump_line.empty() ? "n/a" : cells[p][kBest].dump_line.c_str());
     std::printf("\nEvery other measured cell was checked the same way: ");
-    for (size_t c = 1; c < kNumConverters; ++c) std::printf("%s`%s`", c > 1 ? ", " : "", kConverters[c].marker);
+    for (size_t c = 2; c < kNumConverters; ++c) std::printf("%s`%s`", c > 2 ? ", " : "", kConverters[c].marker);
     std::printf(".\n");
 
     int status = 0;

@@ -210,7 +210,79 @@ void extras(Instance &in) {
 
 }  // namespace
 
+// ---- rsmplrate_best, the second converter of the module: the same input
+// drives it through the same operations. It takes 1 to 8 channels, and may
+// refuse rates or periods it has no path for.
+namespace {
+
+void best_open_instance(Instance &in, Reader &r) {
+    static const snd_pcm_rate_open_func_t open = [] {
+        module_open();  // loads the module and silences its reports
+        void *handle = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+        auto fn = reinterpret_cast<snd_pcm_rate_open_func_t>(
+            handle ? dlsym(handle, "_snd_pcm_rate_rsmplrate_best_open") : nullptr);
+        if (fn == nullptr) rsmpl_fuzz::fail(__FILE__, __LINE__, "no rsmplrate_best entry point");
+        return fn;
+    }();
+    const uint32_t version = pick_version(r);
+    std::memset(&in.host, 0xA5, sizeof in.host);
+    FUZZ_CHECK(open(version, &in.obj, &in.host.ops) == 0);
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&in.host);
+    const size_t end = version == 0x010001 ? offsetof(snd_pcm_rate_ops_t, version)
+                                           : offsetof(snd_pcm_rate_ops_t, get_supported_formats);
+    for (size_t i = end; i < sizeof in.host; ++i) FUZZ_CHECK(bytes[i] == 0xA5);
+    in.full = version != 0x010001;
+}
+
+void best_init(Instance &in, Reader &r) {
+    snd_pcm_rate_info_t &info = in.info;
+    info.in.rate = pick_rate(r);
+    info.out.rate = (r.u8() & 1) ? pick_rate(r) : info.in.rate * (1 + r.range(0, 6));
+    if (r.flag()) std::swap(info.in.rate, info.out.rate);
+    info.in.format = pick_format(r);
+    info.out.format = pick_format(r);
+    info.channels = (r.u8() & 15) == 0 ? r.u32() : r.range(0, 9);
+    const bool valid = info.channels >= 1 && info.channels <= 8 && info.in.format == SND_PCM_FORMAT_S16_LE &&
+                       info.out.format == SND_PCM_FORMAT_S16_LE;
+    const int err = in.host.ops.init(in.obj, &info);
+    FUZZ_CHECK(err == 0 || err == -EINVAL);
+    if (!valid) FUZZ_CHECK(err == -EINVAL);
+    // Equal rates and periods always have a path: the copy.
+    if (valid && info.in.rate == info.out.rate && info.in.rate != 0 &&
+        info.in.period_size == info.out.period_size && info.in.period_size <= UINT32_MAX)
+        FUZZ_CHECK(err == 0);
+    if (err == 0) {
+        in.inited = in.allocated = true;
+        in.channels = info.channels;
+    }
+}
+
+void best_run(const uint8_t *data, size_t size) {
+    Reader r(data, size);
+    Instance in;
+    best_open_instance(in, r);
+    for (int op = 0; op < 40 && !r.empty(); ++op) {
+        switch (r.u8() % 10) {
+            case 0: best_init(in, r); break;
+            case 1: adjust_pitch(in, r); break;
+            case 2: in.host.ops.reset(in.obj); break;
+            case 3:
+                in.host.ops.free(in.obj);
+                in.allocated = false;
+                break;
+            case 4: frames(in, r); break;
+            case 5: extras(in); break;
+            default: convert(in, r); break;
+        }
+    }
+    in.host.ops.free(in.obj);
+    in.host.ops.close(in.obj);
+}
+
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    best_run(data, size);
     Reader r(data, size);
     Instance in;
     open_instance(in, r);

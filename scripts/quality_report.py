@@ -20,7 +20,7 @@ from PIL import Image  # noqa: E402  (python3-pil, a dependency of python3-matpl
 
 DPI = 72
 FLOOR_DB = -120.0  # bottom of every dB scale: below the 16-bit noise of any path here
-OURS = ["#0b5fa5", "#d1495b", "#2e933c"]
+OURS = ["#0b5fa5", "#d1495b", "#2e933c", "#f28e2b"]
 PEERS = ["#7f7f7f", "#e09f3e", "#9e6ebd", "#3fa7b5"]
 
 
@@ -57,7 +57,7 @@ def groups_of(paths):
 
 
 def styles(members):
-    ours = iter(zip(OURS, (2.8, 1.7, 0.9)))  # each thinner than the last, so paths that coincide stay visible
+    ours = iter(zip(OURS, (2.8, 1.7, 0.9, 0.5)))  # each thinner than the last, so paths that coincide stay visible
     peers = iter(PEERS)
     out = {}
     for p in members:
@@ -246,6 +246,14 @@ def limits(paths):
         p = find(paths, pid)
         return "not measured" if p is None else f"{fnum(p['rej_fn_db']):.1f} dB"
 
+    def rej12(pid):
+        p = find(paths, pid)
+        return "not measured" if p is None else f"{fnum(p['rej_12fn_db']):.1f} dB"
+
+    def pmin(pid):
+        p = find(paths, pid)
+        return "not measured" if p is None else f"{fnum(p['pass_min_db']):.2f}"
+
     def dc(pid):
         p = find(paths, pid)
         return "not measured" if p is None else f"{fnum(p['dc_gain']):.4f}"
@@ -271,6 +279,11 @@ def limits(paths):
         "(4, 3:2, 2:3, 44100 ↔ 48000, …) by straight-line interpolation: images and aliases are suppressed only "
         "by the interpolator's own sinc² shape, a few dB near the Nyquist frequency "
         f"({rej('44100-48000-rsmplrate')} at 44100 → 48000, {rej('48000-44100-rsmplrate')} at 48000 → 44100).",
+        "- **rsmplrate_best's sinc pairs roll off early.** The interpolator's prototype is −6 dB at 0.88 fN, so "
+        f"the passband up to 0.85 fN reaches {pmin('44100-48000-rsmplrate_best')} dB and images or aliases just "
+        f"above fN reach {rej('44100-48000-rsmplrate_best')} (44100 → 48000); from 1.2 fN they are "
+        f"{rej12('22050-48000-rsmplrate_best')} (22050 → 48000) and {rej12('44100-32000-rsmplrate_best')} "
+        "(44100 → 32000). Its FIR pairs are the stages above, with their limits.",
     ]
     return "\n".join(lines)
 
@@ -307,7 +320,7 @@ def main():
         "",
         "- **RSMPL_Up / RSMPL_Down**: each fixed-ratio stage through the resampler interface, in place, in the "
         "largest blocks it accepts (rates are nominal: they only give the stage a scale in Hz).",
-        "- **RSMPL_Resample**: the sinc interpolator at ratios 2, 1/2, 48000/44100 and 44100/48000. A new ratio "
+        "- **RSMPL_Resample**: the sinc interpolator at ratios 2, 1/2, 48000/44100, 44100/48000, 48000/22050 and 32000/44100. A new ratio "
         "takes effect after the next block, so a block of the fewest zeros the interface accepts goes first and "
         "its output is dropped.",
         "- **module**: `libasound_module_rate_rsmplrate.so` inside alsa-lib, a `type rate` PCM with converter "
@@ -315,6 +328,8 @@ def main():
         "otherwise. The peers run the same way: alsa-lib's own `linear`, and `speexrate`, `samplerate` and "
         "`lavrate` from libasound2-plugins at their default settings. Every alsa-lib run checks the PCM dump "
         "for the converter that actually ran.",
+        "- **rsmplrate_best**: the module's second converter, the same way: the FIR stages for ratios 2, 3, 4, 6, "
+        "3:2 and 2:3, the sinc interpolator for every other pair (here 44100 ↔ 48000, 22050 → 48000 and 44100 → 32000; at the last two the images and aliases from 1.2 fN fall inside the measured band).",
         "",
         "## Method",
         "",

@@ -5,7 +5,7 @@
 //
 // Paths: each fixed-ratio stage through RSMPL_Up / RSMPL_Down, the sinc
 // interpolator through RSMPL_Resample, and every converter reached through a
-// `type rate` PCM of alsa-lib (our module, alsa-lib's linear, speexrate,
+// `type rate` PCM of alsa-lib (our module's two converters, alsa-lib's linear, speexrate,
 // samplerate, lavrate) playing into a `type file` PCM over `null`. All paths
 // are mono, 16-bit. Nominal rates give the fixed-ratio stages a scale in Hz.
 //
@@ -302,6 +302,8 @@ std::string make_plugin_dir(const fs::path &out) {
     const fs::path mod = fs::absolute(RSMPL_MODULE_PATH);
     fs::remove(dir / mod.filename(), ec);
     fs::create_symlink(mod, dir / mod.filename(), ec);
+    fs::remove(dir / "libasound_module_rate_rsmplrate_best.so", ec);
+    fs::create_symlink(mod, dir / "libasound_module_rate_rsmplrate_best.so", ec);
     return dir.string();
 }
 
@@ -346,12 +348,16 @@ std::vector<Path> all_paths() {
         const char *name;
         RatePair rates;
     } sinc[] = {{"2", {24000, 48000}}, {"1/2", {48000, 24000}}, {"48000/44100", {44100, 48000}},
-                {"44100/48000", {48000, 44100}}};
+                {"44100/48000", {48000, 44100}},
+                {"48000/22050", {22050, 48000}}, {"32000/44100", {44100, 32000}}};
     for (const auto &s : sinc)
         p.push_back({group(s.rates) + "-sinc", std::string("RSMPL_Resample ") + s.name, "ours", s.rates.in,
                      s.rates.out, rsmpl_sinc(static_cast<float>(double(s.rates.out) / s.rates.in))});
     pairs.push_back({44100, 48000});
     pairs.push_back({48000, 44100});
+    // Sinc pairs of rsmplrate_best whose images (aliases) from 1.2 fN fall below the output (input) Nyquist frequency.
+    pairs.push_back({22050, 48000});
+    pairs.push_back({44100, 32000});
 
     for (RatePair r : pairs) {
         const bool fir = (r.out % r.in == 0 || r.in % r.out == 0) &&
@@ -361,6 +367,14 @@ std::vector<Path> all_paths() {
                      r.out,
                      alsa("rsmplrate", r.in, r.out,
                           std::string("RSMPL Converter: ") + (fir ? "FIR filter, " : "Linear, ") + dir + " " +
+                              std::to_string(r.in) + " -> " + std::to_string(r.out))});
+        // The second converter: FIR stages wherever one exists (every stage pair here), sinc otherwise.
+        const unsigned lo = std::min(r.in, r.out), hi = std::max(r.in, r.out);
+        const bool stage_pair = (hi % lo == 0 && std::set<unsigned>{2, 3, 4, 6}.count(hi / lo)) || 2 * hi == 3 * lo;
+        p.push_back({group(r) + "-rsmplrate_best", std::string("rsmplrate_best, ") + (stage_pair ? "FIR" : "sinc"),
+                     "ours", r.in, r.out,
+                     alsa("rsmplrate_best", r.in, r.out,
+                          std::string("RSMPL Converter: ") + (stage_pair ? "FIR filter, " : "Sinc, ") + dir + " " +
                               std::to_string(r.in) + " -> " + std::to_string(r.out))});
         // Each peer's own line in the PCM dump names the converter that ran.
         p.push_back({group(r) + "-linear", "linear (alsa-lib)", "peer", r.in, r.out,
