@@ -20,20 +20,16 @@ sox -q -n -r 44100 -c 2 -b 16 out/tone_44k1.wav synth 5 sine 1000 vol 0.5
 sox -q -n -r 44100 -c 2 -b 16 out/sweep_44k1.wav synth 5 sine 20-22050 vol 0.5
 sox -q -n -r 11025 -c 1 -b 24 out/tone_11k025_24bit.wav synth 5 sine 997 vol 0.5
 
-# The default converter, where this build has it.
-ours=()
-[ -e "$ALSA_PLUGIN_DIR/libasound_module_rate_rsmplrate_best.so" ] || ours=(-c rsmplrate)
-
 for name in tone_16k sweep_16k tone_44k1 sweep_44k1; do
   echo "== $name.wav -> ${name}_to_48k.wav"
-  "$convert" "${ours[@]}" -r 48k "out/$name.wav" "out/${name}_to_48k.wav"
+  "$convert" -r 48k "out/$name.wav" "out/${name}_to_48k.wav"
 done
 echo "== tone_44k1.wav -> tone_44k1_to_48k_rsmplrate.flac (the plug-in's converter, FLAC by extension)"
 "$convert" -c rsmplrate -r 48k out/tone_44k1.wav out/tone_44k1_to_48k_rsmplrate.flac
 echo "== tone_11k025_24bit.wav -> tone_11k025_to_48k.wav (24 bits dithered to 16; 11025 Hz has no whole 20 ms period)"
-"$convert" "${ours[@]}" -r 48k out/tone_11k025_24bit.wav out/tone_11k025_to_48k.wav
+"$convert" -r 48k out/tone_11k025_24bit.wav out/tone_11k025_to_48k.wav
 echo "== sweep_44k1.wav | rsmpl-convert -r 16k - - > sweep_44k1_to_16k.wav (standard input and output)"
-"$convert" "${ours[@]}" -r 16k - - < out/sweep_44k1.wav > out/sweep_44k1_to_16k.wav
+"$convert" -r 16k - - < out/sweep_44k1.wav > out/sweep_44k1_to_16k.wav
 
 if [ -e "$ALSA_PLUGIN_DIR/libasound_module_rate_speexrate.so" ]; then
   echo "== sweep_44k1.wav -> sweep_44k1_to_48k_speexrate.wav (for comparison)"

@@ -74,7 +74,7 @@ protected:
 
 // The converters every timing test runs: ours and peers with and without a
 // low-pass filter.
-const char *const kConverters[] = {"rsmplrate", "speexrate", "linear"};
+const char *const kConverters[] = {"rsmplrate_best", "rsmplrate", "speexrate", "linear"};
 
 // alsa-lib's linear converter is built in; the others are modules, and a
 // cross build's plug-in folder holds only ours.
