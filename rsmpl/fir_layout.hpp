@@ -52,6 +52,7 @@ struct PairLayout {
     int unit_out = 1;               // outputs per unit
     int units_per_group = 1;
     int history = 0;                // H: the kernel may read x[0 .. unit_in*units + H - 1]
+    int id = -1;                    // which stage (kUp2To3 = 0 ... kDown3To2 = 9), for the cost marks
     int bins = 1;                   // 32-bit partial sums per output, at most
     int16_t c[P][2 * Mp] = {};
     uint8_t bin[P][Mp] = {};
@@ -184,11 +185,18 @@ constexpr PairLayout<4, 12> down3to2_layout(const int (&bins)[N]) {
 // up have such rows). Heaviest bins: up 49176, 52914, 48955, 60234, 46448
 // (1:2, 1:3, 1:4, 1:6, 3:2); down 55178 (1:2), 62090 (1:3), 60899 (1:4),
 // 65349 (1:6), 56048 (2:3).
-inline constexpr auto kUp1To2 = detail::up_layout(up::kFir1To2);
-inline constexpr auto kUp1To3 = detail::up_layout(up::kFir1To3);
-inline constexpr auto kUp1To4 = detail::up_layout(up::kFir1To4);
-inline constexpr auto kUp1To6 = detail::up_layout(up::kFir1To6);
-inline constexpr auto kUp2To3 = detail::up3to2_layout();
+namespace detail {
+template <class Layout>
+constexpr Layout with_id(Layout l, int id) {
+    l.id = id;
+    return l;
+}
+}  // namespace detail
+inline constexpr auto kUp2To3 = detail::with_id(detail::up3to2_layout(), 0);
+inline constexpr auto kUp1To2 = detail::with_id(detail::up_layout(up::kFir1To2), 1);
+inline constexpr auto kUp1To3 = detail::with_id(detail::up_layout(up::kFir1To3), 2);
+inline constexpr auto kUp1To4 = detail::with_id(detail::up_layout(up::kFir1To4), 3);
+inline constexpr auto kUp1To6 = detail::with_id(detail::up_layout(up::kFir1To6), 4);
 namespace detail {
 constexpr int kBins2To1[] = {0, 1, 2};
 constexpr int kBins3To1[] = {0, 1, 0, 0, 1, 1};
@@ -196,11 +204,14 @@ constexpr int kBins4To1[] = {0, 1, 1, 1, 2, 2, 2, 3};
 constexpr int kBins6To1[] = {0, 1, 2, 3, 0, 1, 2, 3, 0, 1, 2, 3};
 constexpr int kBins3To2[] = {0, 0, 0};
 }  // namespace detail
-inline constexpr auto kDown2To1 = detail::down_layout<36>(down::DownsampleCoef2To1, 2, 16, detail::kBins2To1);
-inline constexpr auto kDown3To1 = detail::down3to1_layout(detail::kBins3To1);
-inline constexpr auto kDown4To1 = detail::down_layout<32>(down::DownsampleCoef4To1, 4, 17, detail::kBins4To1);
-inline constexpr auto kDown6To1 = detail::down_layout<48>(down::DownsampleCoef6To1, 6, 17, detail::kBins6To1);
-inline constexpr auto kDown3To2 = detail::down3to2_layout(detail::kBins3To2);
+inline constexpr auto kDown2To1 =
+    detail::with_id(detail::down_layout<36>(down::DownsampleCoef2To1, 2, 16, detail::kBins2To1), 5);
+inline constexpr auto kDown3To1 = detail::with_id(detail::down3to1_layout(detail::kBins3To1), 6);
+inline constexpr auto kDown4To1 =
+    detail::with_id(detail::down_layout<32>(down::DownsampleCoef4To1, 4, 17, detail::kBins4To1), 7);
+inline constexpr auto kDown6To1 =
+    detail::with_id(detail::down_layout<48>(down::DownsampleCoef6To1, 6, 17, detail::kBins6To1), 8);
+inline constexpr auto kDown3To2 = detail::with_id(detail::down3to2_layout(detail::kBins3To2), 9);
 
 template <class Layout>
 constexpr bool well_formed(const Layout &l) {

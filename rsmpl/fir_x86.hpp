@@ -255,7 +255,7 @@ constexpr int real_taps(const Layout &l) {
     return n / Layout::P;
 }
 #define RSMPL_X86_MARK(layout, name)                                                                   \
-    if constexpr (static_cast<const void *>(&L) == static_cast<const void *>(&layout)) {             \
+    if constexpr (L.id == layout.id) {                                                                 \
         [[maybe_unused]] constexpr int kOuts = 2 * kLanes * std::remove_cvref_t<decltype(L)>::P;      \
         [[maybe_unused]] constexpr int kMacs = real_taps(L);                                           \
         if constexpr (kBegin)                                                                          \
