@@ -1,6 +1,7 @@
-// How the vector FIR kernels see the ten coefficient tables: one shape for
-// all of them, built at compile time from the stored tables, and read by the
-// vector kernels and by the lane-bound tests alike.
+// How the x86 FIR kernels see the ten coefficient tables: one shape for all
+// of them, in tap pairs for pmaddwd, built at compile time from the stored
+// tables, and read by those kernels and by the lane-bound tests alike. (The
+// AArch64 kernels multiply single taps and read rsmpl/fir_rows.hpp.)
 //
 // A kernel's outputs come in groups t = 0, 1, ...; group t yields P outputs,
 // out[P*t + p], each the dot product of a padded row c[p] with the samples
