@@ -12,6 +12,14 @@
 
 #include "rsmpl/fir_layout.hpp"
 
+// One copy of a function, not a specialised clone per call site (GCC's
+// noclone; clang does not clone there).
+#if defined(__clang__)
+#define RSMPL_FIR_NOINLINE [[gnu::noinline]]
+#else
+#define RSMPL_FIR_NOINLINE [[gnu::noinline, gnu::noclone]]
+#endif
+
 namespace rsmpl::fir {
 namespace {
 

@@ -39,11 +39,14 @@ template <int P>
     if constexpr (P == 1) {
         vst1q_s16(out, y[0]);
     } else if constexpr (P == 2) {
-        vst2q_s16(out, (int16x8x2_t){{y[0], y[1]}});
+        const int16x8x2_t t{{y[0], y[1]}};
+        vst2q_s16(out, t);
     } else if constexpr (P == 3) {
-        vst3q_s16(out, (int16x8x3_t){{y[0], y[1], y[2]}});
+        const int16x8x3_t t{{y[0], y[1], y[2]}};
+        vst3q_s16(out, t);
     } else if constexpr (P == 4) {
-        vst4q_s16(out, (int16x8x4_t){{y[0], y[1], y[2], y[3]}});
+        const int16x8x4_t t{{y[0], y[1], y[2], y[3]}};
+        vst4q_s16(out, t);
     } else {
         static_assert(P == 6);
         // Pairs of phases as 32-bit elements: e[k][0] groups 0-3, e[k][1] 4-7.
@@ -53,7 +56,10 @@ template <int P>
             e[k][1] = vreinterpretq_s32_s16(vzip2q_s16(y[2 * k], y[2 * k + 1]));
         }
         auto *o = reinterpret_cast<int32_t *>(out);
-        for (int h = 0; h < 2; ++h) vst3q_s32(o + 12 * h, (int32x4x3_t){{e[0][h], e[1][h], e[2][h]}});
+        for (int h = 0; h < 2; ++h) {
+            const int32x4x3_t t{{e[0][h], e[1][h], e[2][h]}};
+            vst3q_s32(o + 12 * h, t);
+        }
     }
 }
 
@@ -270,7 +276,7 @@ struct Rows {
 
     // Not inlined: the body and the zero-padded tail share one copy.
     template <class Mark>
-    [[gnu::noinline, gnu::noclone]] static void chunk(const int16_t *x, int blocks, int16_t *out) {
+    RSMPL_FIR_NOINLINE static void chunk(const int16_t *x, int blocks, int16_t *out) {
         int16x8_t c[kRegs];
         for (int k = 0; k < kRegs; ++k) {
             c[k] = vld1q_s16(L.value + 8 * k);

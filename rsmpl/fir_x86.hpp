@@ -402,7 +402,7 @@ struct X86 {
 
     // Not inlined: the body and the zero-padded tail share one copy.
     template <const auto &L>
-    [[gnu::noinline, gnu::noclone]] static void chunk(const int16_t *x, int blocks, int16_t *out) {
+    RSMPL_FIR_NOINLINE static void chunk(const int16_t *x, int blocks, int16_t *out) {
         using Layout = std::remove_cvref_t<decltype(L)>;
         constexpr int P = Layout::P;
         if constexpr (L.R == 1) {
