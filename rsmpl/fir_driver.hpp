@@ -12,6 +12,14 @@
 
 #include "rsmpl/fir_layout.hpp"
 
+// One copy of a function, not a specialised clone per call site (GCC's
+// noclone; clang does not clone there).
+#if defined(__clang__)
+#define RSMPL_FIR_NOINLINE [[gnu::noinline]]
+#else
+#define RSMPL_FIR_NOINLINE [[gnu::noinline, gnu::noclone]]
+#endif
+
 namespace rsmpl::fir {
 namespace {
 
@@ -62,6 +70,40 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
         const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
         std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
         t += G;
+    }
+}
+
+// Groups per chunk of a row kernel: bounds its stream copies on the stack.
+constexpr int kRowChunkGroups = 64;
+
+// The driver of a row kernel (rsmpl/fir_rows.hpp): K is K::chunk<Mark>(x,
+// blocks, out), eight groups a block, reading x[0 .. K::reach(blocks) - 1]
+// before it writes any output of the chunk. Chunks go in ascending order, so
+// in place (outputs below the samples later groups still need, as the stage
+// wrappers arrange) the kernel keeps the scalar kernel's read-before-write
+// order; the last groups are finished from a zero-padded copy, taken before
+// their outputs are written.
+template <class K, class Mark>
+void run_rows(const int16_t *x, int16_t *out, int32_t count) {
+    constexpr int D = K::D, P = K::P;
+    if (count < D) return;
+    const int64_t groups = count / D;
+    const int64_t span = D * groups + K::history;  // x[0 .. span-1] may be read
+    int64_t t = 0;
+    for (;;) {
+        int blocks = static_cast<int>(min64(kRowChunkGroups, groups - t) / 8);
+        while (blocks > 0 && D * t + K::reach(blocks) > span) --blocks;
+        if (blocks == 0) break;
+        K::template chunk<Mark>(x + D * t, blocks, out + P * t);
+        t += 8 * blocks;
+    }
+    while (t < groups) {
+        alignas(16) int16_t frame[K::reach(1)] = {};
+        alignas(16) int16_t result[8 * P];
+        std::memcpy(frame, x + D * t, static_cast<size_t>(min64(span - D * t, K::reach(1))) * sizeof(int16_t));
+        K::template chunk<Mark>(frame, 1, result);
+        std::memcpy(out + P * t, result, static_cast<size_t>(min64(groups - t, 8) * P) * sizeof(int16_t));
+        t += 8;
     }
 }
 

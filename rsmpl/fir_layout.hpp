@@ -1,6 +1,7 @@
-// How the vector FIR kernels see the ten coefficient tables: one shape for
-// all of them, built at compile time from the stored tables, and read by the
-// vector kernels and by the lane-bound tests alike.
+// How the x86 FIR kernels see the ten coefficient tables: one shape for all
+// of them, in tap pairs for pmaddwd, built at compile time from the stored
+// tables, and read by those kernels and by the lane-bound tests alike. (The
+// AArch64 kernels multiply single taps and read rsmpl/fir_rows.hpp.)
 //
 // A kernel's outputs come in groups t = 0, 1, ...; group t yields P outputs,
 // out[P*t + p], each the dot product of a padded row c[p] with the samples
@@ -52,9 +53,11 @@ struct PairLayout {
     int unit_out = 1;               // outputs per unit
     int units_per_group = 1;
     int history = 0;                // H: the kernel may read x[0 .. unit_in*units + H - 1]
-    int bins = 1;                   // 32-bit partial sums per output
+    int id = -1;                    // which stage (kUp2To3 = 0 ... kDown3To2 = 9), for the cost marks
+    int bins = 1;                   // 32-bit partial sums per output, at most
     int16_t c[P][2 * Mp] = {};
     uint8_t bin[P][Mp] = {};
+    uint8_t row_bins[P] = {};       // partial sums of row p: 1 where the row alone stays below the bound
 
     // The pair's coefficients as one 32-bit word: tap 2m in the low half (it
     // meets the sample at the lower address).
@@ -90,8 +93,14 @@ struct PairLayout {
         period = N;
         bins = 0;
         for (int v : map) bins = v + 1 > bins ? v + 1 : bins;
-        for (int p = 0; p < P; ++p)
-            for (int m = 0; m < Mp; ++m) bin[p][m] = static_cast<uint8_t>(map[m % N]);
+        for (int p = 0; p < P; ++p) {
+            int32_t row = 0;
+            for (int m = 0; m < Mp; ++m) row += weight(p, m);
+            // One sum needs room for the rounding half too: shift 15 at most.
+            const bool one = row < 65536 && shift <= 15;
+            row_bins[p] = static_cast<uint8_t>(one ? 1 : bins);
+            for (int m = 0; m < Mp; ++m) bin[p][m] = static_cast<uint8_t>(one ? 0 : map[m % N]);
+        }
     }
 };
 
@@ -172,14 +181,23 @@ constexpr PairLayout<4, 12> down3to2_layout(const int (&bins)[N]) {
 
 }  // namespace detail
 
-// Bins per kernel: few (each costs registers), every one below kLaneBound.
-// Heaviest bins: up 49176, 48346, 47297, 47865, 46448 (1:2, 1:3, 1:4, 1:6,
-// 3:2); down 55178 (1:2), 62090 (1:3), 60899 (1:4), 65349 (1:6), 56048 (2:3).
-inline constexpr auto kUp1To2 = detail::up_layout(up::kFir1To2);
-inline constexpr auto kUp1To3 = detail::up_layout(up::kFir1To3);
-inline constexpr auto kUp1To4 = detail::up_layout(up::kFir1To4);
-inline constexpr auto kUp1To6 = detail::up_layout(up::kFir1To6);
-inline constexpr auto kUp2To3 = detail::up3to2_layout();
+// Bins per kernel: few (each costs registers), every one below kLaneBound;
+// a row whose whole weight stays below it keeps one (1:3, 1:4, 1:6 and 3:2
+// up have such rows). Heaviest bins: up 49176, 52914, 48955, 60234, 46448
+// (1:2, 1:3, 1:4, 1:6, 3:2); down 55178 (1:2), 62090 (1:3), 60899 (1:4),
+// 65349 (1:6), 56048 (2:3).
+namespace detail {
+template <class Layout>
+constexpr Layout with_id(Layout l, int id) {
+    l.id = id;
+    return l;
+}
+}  // namespace detail
+inline constexpr auto kUp2To3 = detail::with_id(detail::up3to2_layout(), 0);
+inline constexpr auto kUp1To2 = detail::with_id(detail::up_layout(up::kFir1To2), 1);
+inline constexpr auto kUp1To3 = detail::with_id(detail::up_layout(up::kFir1To3), 2);
+inline constexpr auto kUp1To4 = detail::with_id(detail::up_layout(up::kFir1To4), 3);
+inline constexpr auto kUp1To6 = detail::with_id(detail::up_layout(up::kFir1To6), 4);
 namespace detail {
 constexpr int kBins2To1[] = {0, 1, 2};
 constexpr int kBins3To1[] = {0, 1, 0, 0, 1, 1};
@@ -187,11 +205,14 @@ constexpr int kBins4To1[] = {0, 1, 1, 1, 2, 2, 2, 3};
 constexpr int kBins6To1[] = {0, 1, 2, 3, 0, 1, 2, 3, 0, 1, 2, 3};
 constexpr int kBins3To2[] = {0, 0, 0};
 }  // namespace detail
-inline constexpr auto kDown2To1 = detail::down_layout<36>(down::DownsampleCoef2To1, 2, 16, detail::kBins2To1);
-inline constexpr auto kDown3To1 = detail::down3to1_layout(detail::kBins3To1);
-inline constexpr auto kDown4To1 = detail::down_layout<32>(down::DownsampleCoef4To1, 4, 17, detail::kBins4To1);
-inline constexpr auto kDown6To1 = detail::down_layout<48>(down::DownsampleCoef6To1, 6, 17, detail::kBins6To1);
-inline constexpr auto kDown3To2 = detail::down3to2_layout(detail::kBins3To2);
+inline constexpr auto kDown2To1 =
+    detail::with_id(detail::down_layout<36>(down::DownsampleCoef2To1, 2, 16, detail::kBins2To1), 5);
+inline constexpr auto kDown3To1 = detail::with_id(detail::down3to1_layout(detail::kBins3To1), 6);
+inline constexpr auto kDown4To1 =
+    detail::with_id(detail::down_layout<32>(down::DownsampleCoef4To1, 4, 17, detail::kBins4To1), 7);
+inline constexpr auto kDown6To1 =
+    detail::with_id(detail::down_layout<48>(down::DownsampleCoef6To1, 6, 17, detail::kBins6To1), 8);
+inline constexpr auto kDown3To2 = detail::with_id(detail::down3to2_layout(detail::kBins3To2), 9);
 
 template <class Layout>
 constexpr bool well_formed(const Layout &l) {

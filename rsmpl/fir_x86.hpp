@@ -14,7 +14,9 @@
 //               pair's bin; each bin's taps have absolute values adding up to
 //               less than 65536 (checked at compile time and by the tests), so
 //               no partial sum can wrap
-//   combine     S = sum of the bins, exactly: each bin splits into its part
+//   combine     one bin (a row whose absolute coefficients add up to less
+//               than 65536): S itself, and S + 2^(s-1) still fits (s = 15).
+//               Several: S = their sum, exactly: each bin splits into its part
 //               above bit s (arithmetic shift) and its low s bits; the low
 //               parts plus 2^(s-1) are shifted once more and added, which is
 //               floor((S + 2^(s-1)) / 2^s) without ever forming S in 32 bits
@@ -25,6 +27,7 @@
 #include <immintrin.h>
 
 #include "rsmpl/fir_driver.hpp"
+#include "rsmpl/mca.hpp"
 
 namespace rsmpl::fir {
 namespace {
@@ -212,8 +215,8 @@ template <int P>
 // ---- One block: 2W groups ----------------------------------------------------
 
 // R_s of the exact sum of the bins, per lane (see the top of the file).
-template <const auto &L, int A>
-[[gnu::always_inline]] inline Vec combine(const Vec (&acc)[A]) {
+template <const auto &L, int A, int N>
+[[gnu::always_inline]] inline Vec combine(const Vec (&acc)[N]) {
     constexpr int s = L.shift;
     if constexpr (A == 1) {
         // One bin below 65536 * 32768 - 2^(s-1): adding the half cannot wrap.
@@ -243,9 +246,89 @@ struct Words {
 template <const auto &L>
 inline constexpr Words<L> kWords{};
 
-// 2W groups from group i of the chunk on. The pairs are walked in a loop
-// unrolled U times (the bins' period, a multiple of R), so that each pair's
-// bin and (R > 1) its de-interleaved stream are fixed in the unrolled body.
+// Cost-estimate marks (rsmpl/mca.hpp) around one block of each kernel.
+template <class Layout>
+constexpr int real_taps(const Layout &l) {
+    int n = 0;
+    for (int p = 0; p < Layout::P; ++p)
+        for (int i = 0; i < 2 * Layout::Mp; ++i) n += l.c[p][i] != 0;
+    return n / Layout::P;
+}
+#define RSMPL_X86_MARK(layout, name)                                                                   \
+    if constexpr (L.id == layout.id) {                                                                 \
+        [[maybe_unused]] constexpr int kOuts = 2 * kLanes * std::remove_cvref_t<decltype(L)>::P;      \
+        [[maybe_unused]] constexpr int kMacs = real_taps(L);                                           \
+        if constexpr (kBegin)                                                                          \
+            RSMPL_MCA_BEGIN(name, kOuts, kMacs);                                                       \
+        else                                                                                           \
+            RSMPL_MCA_END(name, kOuts, kMacs);                                                         \
+    }
+template <const auto &L, bool kBegin>
+[[gnu::always_inline]] inline void mark() {
+    RSMPL_X86_MARK(kUp2To3, "up2to3")
+    RSMPL_X86_MARK(kUp1To2, "up1to2")
+    RSMPL_X86_MARK(kUp1To3, "up1to3")
+    RSMPL_X86_MARK(kUp1To4, "up1to4")
+    RSMPL_X86_MARK(kUp1To6, "up1to6")
+    RSMPL_X86_MARK(kDown2To1, "down2to1")
+    RSMPL_X86_MARK(kDown3To1, "down3to1")
+    RSMPL_X86_MARK(kDown4To1, "down4to1")
+    RSMPL_X86_MARK(kDown6To1, "down6to1")
+    RSMPL_X86_MARK(kDown3To2, "down3to2")
+}
+#undef RSMPL_X86_MARK
+
+// Pre-broadcast pair words, one vector per (row, pair), so that a multiply
+// takes its coefficients straight from memory.
+template <const auto &L>
+struct Broadcast {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    alignas(32) int32_t v[Layout::P][Layout::Mp][kLanes];
+    constexpr Broadcast() : v{} {
+        for (int p = 0; p < Layout::P; ++p)
+            for (int m = 0; m < Layout::Mp; ++m)
+                for (int k = 0; k < kLanes; ++k) v[p][m][k] = L.pair(p, m);
+    }
+};
+template <const auto &L>
+alignas(32) inline constexpr Broadcast<L> kBroadcast{};
+
+// acc (+)= madd(x, c). With AVX2 written as volatile asm with c from memory:
+// the compiler otherwise hoists every multiply of a pass and spills the
+// products, and the front end, not the multipliers, sets the pace.
+template <bool kFirst>
+[[gnu::always_inline]] inline void madd_acc(Vec &acc, Vec x, const int32_t *c) {
+#if defined(__AVX2__)
+    const auto &cv = *reinterpret_cast<const Vec *>(c);
+    if constexpr (kFirst) {
+        asm volatile("vpmaddwd %1, %2, %0" : "=x"(acc) : "m"(cv), "x"(x));
+    } else {
+        Vec t;
+        asm volatile("vpmaddwd %2, %3, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "m"(cv), "x"(x));
+    }
+#else
+    const Vec p = madd(x, load(c));
+    acc = kFirst ? p : add(acc, p);
+#endif
+}
+
+// Does any row p0 .. p1-1 use pair m; is pair m the first of its bin in row p?
+template <class Layout>
+constexpr bool pair_used(const Layout &l, int p0, int p1, int m) {
+    for (int p = p0; p < p1 && p < Layout::P; ++p)
+        if (!l.zero_pair(p, m)) return true;
+    return false;
+}
+template <class Layout>
+constexpr bool first_of_bin(const Layout &l, int p, int m) {
+    for (int k = 0; k < m; ++k)
+        if (!l.zero_pair(p, k) && l.bin[p][k] == l.bin[p][m]) return false;
+    return true;
+}
+
+// 2W groups from group i of the chunk on, every pair at compile time: its
+// bin, its stream (R > 1) and whether it is the first of its bin; zero pairs
+// are skipped.
 template <const auto &L>
 [[gnu::always_inline]] inline void block(const int16_t *x, const int32_t *const *s, int i, int16_t *out) {
     using Layout = std::remove_cvref_t<decltype(L)>;
@@ -253,66 +336,73 @@ template <const auto &L>
     constexpr int Mp = Layout::Mp;
     constexpr int A = L.bins;
     constexpr int R = L.R;
-    constexpr int U = L.period;
-    // Phases per pass: two accumulator sets of A bins each stay in registers.
-    constexpr int PC = A * 2 * 4 <= 8 ? 4 : (A * 2 * 2 <= 8 ? 2 : 1);
+    // Phases per pass: their partial sums (two vectors per bin) and the
+    // samples stay in the 16 registers.
+    constexpr int PC = [] {
+        for (int pc = P; pc > 1; --pc) {
+            bool fits = true;
+            for (int p0 = 0; p0 < P; p0 += pc) {
+                int regs = 0;
+                for (int p = p0; p < p0 + pc && p < P; ++p) regs += 2 * L.row_bins[p];
+                fits = fits && regs <= 12;
+            }
+            if (fits) return pc;
+        }
+        return 1;
+    }();
     constexpr int kPasses = (P + PC - 1) / PC;
-    const auto &words = kWords<L>.w;
+    mark<L, true>();
     Vec y[P];
     unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
         constexpr int pass = decltype(pass_c)::value;
         Vec acc[PC][2][A];
-        for (int q = 0; q < PC; ++q)
-            for (int b = 0; b < A; ++b) acc[q][0][b] = acc[q][1][b] = zero();
-        // Pair m = m0 + u, u known at compile time.
-        auto step = [&](int m0, auto uc) __attribute__((always_inline)) {
-            constexpr int u = decltype(uc)::value;
-            constexpr int b = L.bin[0][u];
-            const int m = m0 + u;
-            Vec x0, x1;
-            if constexpr (R == 1) {
-                x0 = load(x + L.b0 + 2 * (i + m));
-                x1 = load(x + L.b0 + 2 * (i + kLanes + m));
-            } else {
-                const int32_t *stream = s[u % R] + m0 / R + u / R;
-                x0 = load(stream + i);
-                x1 = load(stream + i + kLanes);
-            }
-            // One load per pair, not one per phase: left to itself the
-            // compiler folds the load into every multiply, and loads bound
-            // the loop.
-            asm("" : "+x"(x0), "+x"(x1));
-            unroll<PC>([&](auto qc) __attribute__((always_inline)) {
-                constexpr int q = decltype(qc)::value;
-                constexpr int p = pass * PC + q;
-                if constexpr (p < P) {
-                    const Vec c = set1(words[p][m]);
-                    acc[q][0][b] = add(acc[q][0][b], madd(x0, c));
-                    acc[q][1][b] = add(acc[q][1][b], madd(x1, c));
+        unroll<Mp>([&](auto mc) __attribute__((always_inline)) {
+            constexpr int m = decltype(mc)::value;
+            if constexpr (pair_used(L, pass * PC, pass * PC + PC, m)) {
+                Vec x0, x1;
+                if constexpr (R == 1) {
+                    x0 = load(x + L.b0 + 2 * (i + m));
+                    x1 = load(x + L.b0 + 2 * (i + kLanes + m));
+                } else {
+                    const int32_t *stream = s[m % R] + m / R;
+                    x0 = load(stream + i);
+                    x1 = load(stream + i + kLanes);
                 }
-            });
-        };
-        int m0 = 0;
-        for (; m0 + U <= Mp; m0 += U) unroll<U>([&](auto uc) __attribute__((always_inline)) { step(m0, uc); });
-        unroll<U>([&](auto uc) __attribute__((always_inline)) {
-            if constexpr (Mp / U * U + decltype(uc)::value < Mp) step(Mp / U * U, uc);
+                // One load per pair, not one per phase.
+                asm("" : "+x"(x0), "+x"(x1));
+                unroll<PC>([&](auto qc) __attribute__((always_inline)) {
+                    constexpr int q = decltype(qc)::value;
+                    constexpr int p = pass * PC + q;
+                    if constexpr (p < P && !L.zero_pair(p, m)) {
+                        constexpr int b = L.bin[p][m];
+                        constexpr bool first = first_of_bin(L, p, m);
+                        madd_acc<first>(acc[q][0][b], x0, kBroadcast<L>.v[p][m]);
+                        madd_acc<first>(acc[q][1][b], x1, kBroadcast<L>.v[p][m]);
+                    }
+                });
+            }
         });
         unroll<PC>([&](auto qc) __attribute__((always_inline)) {
             constexpr int q = decltype(qc)::value;
             constexpr int p = pass * PC + q;
-            if constexpr (p < P) y[p] = pack(combine<L, A>(acc[q][0]), combine<L, A>(acc[q][1]));
+            if constexpr (p < P) {
+                constexpr int Ap = L.row_bins[p];
+                y[p] = pack(combine<L, Ap>(acc[q][0]), combine<L, Ap>(acc[q][1]));
+            }
         });
     });
     Vec z[P];
     interleave<P>(y, z);
     store_lanes<P>(out, z);
+    mark<L, false>();
 }
 
 struct X86 {
     static constexpr int kGroups = 2 * kLanes;
 
+    // Not inlined: the body and the zero-padded tail share one copy.
     template <const auto &L>
-    static void chunk(const int16_t *x, int blocks, int16_t *out) {
+    RSMPL_FIR_NOINLINE static void chunk(const int16_t *x, int blocks, int16_t *out) {
         using Layout = std::remove_cvref_t<decltype(L)>;
         constexpr int P = Layout::P;
         if constexpr (L.R == 1) {

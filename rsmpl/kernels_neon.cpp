@@ -10,18 +10,28 @@
 namespace rsmpl {
 namespace {
 
-using fir::Neon;
-
-void up2to3(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kUp2To3>(x, out, count); }
-void up1to2(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kUp1To2>(x, out, count); }
-void up1to3(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kUp1To3>(x, out, count); }
-void up1to4(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kUp1To4>(x, out, count); }
-void up1to6(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kUp1To6>(x, out, count); }
-void down2to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kDown2To1>(x, out, count); }
-void down3to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kDown3To1>(x, out, count); }
-void down4to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kDown4To1>(x, out, count); }
-void down6to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kDown6To1>(x, out, count); }
-void down3to2(const int16_t *x, int16_t *out, int32_t count) { fir::run<Neon, fir::kDown3To2>(x, out, count); }
+// One FIR kernel per stage row: its name for the cost estimate's marks, with
+// the outputs of one block and the multiplies each output really needs.
+#define RSMPL_NEON_FIR(fn, rows, mark)                                                                    \
+    struct fn##_mark {                                                                                    \
+        static constexpr int kOuts = 8 * fir::rows.P * fir::Rows<fir::rows>::kPass, kMacs = fir::rows.taps_total() / fir::rows.P;      \
+        [[gnu::always_inline]] static void begin() { RSMPL_MCA_BEGIN(mark, kOuts, kMacs); }               \
+        [[gnu::always_inline]] static void end() { RSMPL_MCA_END(mark, kOuts, kMacs); }                   \
+    };                                                                                                    \
+    void fn(const int16_t *x, int16_t *out, int32_t count) {                                              \
+        fir::run_rows<fir::Rows<fir::rows>, fn##_mark>(x, out, count);                                    \
+    }
+RSMPL_NEON_FIR(up2to3, kRowsUp2To3, "up2to3")
+RSMPL_NEON_FIR(up1to2, kRowsUp1To2, "up1to2")
+RSMPL_NEON_FIR(up1to3, kRowsUp1To3, "up1to3")
+RSMPL_NEON_FIR(up1to4, kRowsUp1To4, "up1to4")
+RSMPL_NEON_FIR(up1to6, kRowsUp1To6, "up1to6")
+RSMPL_NEON_FIR(down2to1, kRowsDown2To1, "down2to1")
+RSMPL_NEON_FIR(down3to1, kRowsDown3To1, "down3to1")
+RSMPL_NEON_FIR(down4to1, kRowsDown4To1, "down4to1")
+RSMPL_NEON_FIR(down6to1, kRowsDown6To1, "down6to1")
+RSMPL_NEON_FIR(down3to2, kRowsDown3To2, "down3to2")
+#undef RSMPL_NEON_FIR
 
 // ---- Sinc interpolator: one output's sum ------------------------------------
 //

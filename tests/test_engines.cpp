@@ -14,6 +14,7 @@
 
 #include "rsmpl/engine.hpp"
 #include "rsmpl/fir_layout.hpp"
+#include "rsmpl/fir_rows.hpp"
 #include "rsmpl/linear_kernels.hpp"
 #include "rsmpl/rsmpl.h"
 #include "rsmpl/sinc_kernel.hpp"
@@ -32,14 +33,16 @@ struct Layout {
     int P, Mp, R, b0, shift, unit_in, unit_out, units_per_group, history, bins;
     std::vector<std::vector<int32_t>> c;    // [p][i]
     std::vector<std::vector<int32_t>> bin;  // [p][m]
+    std::vector<int> row_bins;              // [p]
 };
 
 template <class L>
 Layout view(const L &l) {
-    Layout v{L::P, L::Mp, l.R, l.b0, l.shift, l.unit_in, l.unit_out, l.units_per_group, l.history, l.bins, {}, {}};
+    Layout v{L::P, L::Mp, l.R, l.b0, l.shift, l.unit_in, l.unit_out, l.units_per_group, l.history, l.bins, {}, {}, {}};
     for (int p = 0; p < L::P; ++p) {
         v.c.emplace_back(l.c[p], l.c[p] + 2 * L::Mp);
         v.bin.emplace_back(l.bin[p], l.bin[p] + L::Mp);
+        v.row_bins.push_back(l.row_bins[p]);
     }
     return v;
 }
@@ -165,17 +168,17 @@ TEST(LaneBounds, EveryBinOfEveryRowStaysBelow65536) {
             std::vector<int64_t> w(static_cast<size_t>(l.bins), 0);
             for (int m = 0; m < l.Mp; ++m) {
                 ASSERT_GE(l.bin[p][m], 0);
-                ASSERT_LT(l.bin[p][m], l.bins);
+                ASSERT_LT(l.bin[p][m], l.row_bins[p]) << f.name << ", row " << p;
                 w[static_cast<size_t>(l.bin[p][m])] += magnitude(l.c[p][2 * m]) + magnitude(l.c[p][2 * m + 1]);
             }
             for (int64_t b : w) heaviest = std::max(heaviest, b);
+            // Also the rounding half on top of a row's single bin.
+            if (l.row_bins[p] == 1) {
+                EXPECT_LE(w[0] * 32768 + (int64_t{1} << (l.shift - 1)), int64_t{INT32_MAX}) << f.name << ", row " << p;
+            }
         }
         EXPECT_LT(heaviest, rsmpl::fir::kLaneBound) << f.name;
         EXPECT_LE(heaviest * 32768, int64_t{INT32_MAX}) << f.name;
-        // Also the rounding half on top of a single bin.
-        if (l.bins == 1) {
-            EXPECT_LE(heaviest * 32768 + (int64_t{1} << (l.shift - 1)), int64_t{INT32_MAX}) << f.name;
-        }
     }
 }
 
@@ -196,6 +199,86 @@ TEST(LaneBounds, TheNaiveSplitsWouldOverflow) {
             overflowing_rows += row >= rsmpl::fir::kLaneBound;
         }
     EXPECT_GT(overflowing_rows, 0) << "some rows need more than one 32-bit sum";
+}
+
+// ---- The same for the row layouts (the AArch64 kernels) -------------------------
+
+struct Rows {
+    int D, P, E, shift, history;
+    std::vector<std::vector<int32_t>> w, bin;  // [p][e]
+    std::vector<int> bins;
+};
+
+template <class L>
+Rows rows_view(const L &l) {
+    Rows v{l.D, L::P, L::E, l.shift, l.history, {}, {}, {}};
+    for (int p = 0; p < L::P; ++p) {
+        v.w.emplace_back(l.w[p], l.w[p] + L::E);
+        v.bin.emplace_back(l.bin[p], l.bin[p] + L::E);
+        v.bins.push_back(l.bins[p]);
+    }
+    return v;
+}
+
+// Same order as firs().
+const std::vector<Rows> &all_rows() {
+    namespace f = rsmpl::fir;
+    static const std::vector<Rows> v = {
+        rows_view(f::kRowsUp2To3),   rows_view(f::kRowsUp1To2),   rows_view(f::kRowsUp1To3),
+        rows_view(f::kRowsUp1To4),   rows_view(f::kRowsUp1To6),   rows_view(f::kRowsDown2To1),
+        rows_view(f::kRowsDown3To1), rows_view(f::kRowsDown4To1), rows_view(f::kRowsDown6To1),
+        rows_view(f::kRowsDown3To2),
+    };
+    return v;
+}
+
+// out[P*t + p] = R_s(sum_e w[p][e] * x[D*t + e]) over every sample the
+// kernel may read, in 64 bits, is the scalar kernel.
+TEST(LaneBounds, StageRowsReproduceTheScalarKernels) {
+    for (size_t k = 0; k < firs().size(); ++k) {
+        const Fir &f = firs()[k];
+        const Rows &r = all_rows()[k];
+        ASSERT_EQ(r.D, f.layout.unit_in) << f.name;
+        ASSERT_EQ(r.P, f.layout.unit_out) << f.name;
+        const int32_t count = 37 * r.D + 1;
+        const int64_t span = int64_t{r.D} * (count / r.D) + r.history;
+        ASSERT_EQ(span, span_of(f.layout, count)) << f.name;
+        const Samples x = rsmpl_test::hostile_samples(static_cast<size_t>(span), 11);
+        Samples want(static_cast<size_t>(outputs_of(f.layout, count)));
+        kernel_of(rsmpl::kScalarKernels, f.index)(x.data(), want.data(), count);
+        for (size_t o = 0; o < want.size(); ++o) {
+            const int64_t t = static_cast<int64_t>(o) / r.P, p = static_cast<int64_t>(o) % r.P;
+            int64_t s = 0;
+            for (int e = 0; e < r.E; ++e) {
+                const int64_t at = r.D * t + e;
+                if (r.w[p][e] == 0) continue;
+                ASSERT_LT(at, span) << f.name << ": a non-zero tap past the kernel's samples";
+                s += int64_t{r.w[p][e]} * x[static_cast<size_t>(at)];
+            }
+            const int64_t v = (s + (int64_t{1} << (r.shift - 1))) >> r.shift;
+            ASSERT_EQ(want[o], static_cast<int16_t>(std::clamp<int64_t>(v, INT16_MIN, INT16_MAX))) << f.name << ", output " << o;
+        }
+    }
+}
+
+// The row kernels' 32-bit partial sums: every bin of every row below 65536,
+// and one bin alone only where the narrowing shift can take the whole sum.
+TEST(LaneBounds, EveryBinOfEveryStageRowStaysBelow65536) {
+    for (size_t k = 0; k < firs().size(); ++k) {
+        const Rows &r = all_rows()[k];
+        for (int p = 0; p < r.P; ++p) {
+            std::vector<int64_t> w(static_cast<size_t>(r.bins[p]), 0);
+            for (int e = 0; e < r.E; ++e) {
+                if (r.w[p][e] == 0) continue;
+                ASSERT_LT(r.bin[p][e], r.bins[p]) << firs()[k].name;
+                w[static_cast<size_t>(r.bin[p][e])] += magnitude(r.w[p][e]);
+            }
+            for (int64_t b : w) {
+                EXPECT_LT(b, rsmpl::fir::kRowBinBound) << firs()[k].name << ", row " << p;
+                EXPECT_LE(b * 32768, int64_t{INT32_MAX}) << firs()[k].name << ", row " << p;
+            }
+        }
+    }
 }
 
 // ---- Kernels against the scalar reference -----------------------------------------

@@ -1,0 +1,78 @@
+// One FIR stage over every channel of an interleaved period.
+#include "rsmpl/fir_channels.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+#include "rsmpl/context.hpp"
+#include "rsmpl/engine.hpp"
+
+namespace rsmpl::fir {
+namespace {
+
+using Kernel = void (*)(const int16_t *, int16_t *, int32_t);
+
+struct Stage {
+    int32_t history;  // H: samples kept in the context
+    int32_t group;    // inputs per output group
+    int32_t outputs;  // outputs per group
+    int32_t tail;     // up: the wrapper filters the last T inputs apart (0: no split)
+    Kernel kernel;
+};
+
+// RSMPL_Up / RSMPL_Down numbering: 3:2, x2, x3, x4, x6 and 2:3, /2, /3, /4, /6.
+Stage stage_of(Direction d, uint32_t index) {
+    const KernelSet &k = kernels();
+    if (d == Direction::up) {
+        const Stage up[] = {{15, 2, 3, 12, k.up.fir2to3}, {35, 1, 2, 18, k.up.fir1to2}, {15, 1, 3, 6, k.up.fir1to3},
+                            {15, 1, 4, 4, k.up.fir1to4}, {15, 1, 6, 3, k.up.fir1to6}};
+        return up[index];
+    }
+    const Stage down[] = {{14, 3, 2, 0, k.down.fir3to2}, {70, 2, 1, 0, k.down.fir2to1}, {45, 3, 1, 0, k.down.fir3to1},
+                          {60, 4, 1, 0, k.down.fir4to1}, {90, 6, 1, 0, k.down.fir6to1}};
+    return down[index];
+}
+
+// Inputs per kernel call: a multiple of every group, so that pieces keep the
+// pairing of 3:2 and the groups of the down-stages.
+constexpr int32_t kPiece = 480;
+constexpr int32_t kMaxHistory = 90;
+constexpr int32_t kMaxOutputs = kPiece * 6;
+
+}  // namespace
+
+int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ctx, uint32_t channels,
+                       const int16_t *in, int16_t *out, int32_t frames) {
+    if (ctx == nullptr || in == nullptr || out == nullptr || index > 4 || frames <= 0) return 0;
+    const Stage s = stage_of(direction, index);
+    const size_t C = channels;
+    int32_t written = 0;
+    for (size_t c = 0; c < C; ++c) {
+        // The stream as the stage sees it: history, then this channel.
+        int16_t staged[kMaxHistory + kPiece];
+        int16_t result[kMaxOutputs];
+        std::memcpy(staged, ctx[c]->samples, static_cast<size_t>(s.history) * sizeof(int16_t));
+        int32_t o = 0;
+        // Pieces end where the wrapper's passes end: an odd 3:2 bulk leaves
+        // its last sample unpaired, and the tail pairs from its own start.
+        const int32_t bulk = frames - std::min(frames, s.tail);
+        for (int32_t done = 0; done < frames;) {
+            const int32_t m = std::min(done < bulk ? bulk - done : frames - done, kPiece);
+            const int16_t *src = in + static_cast<size_t>(done) * C + c;
+            for (int32_t i = 0; i < m; ++i) staged[s.history + i] = src[static_cast<size_t>(i) * C];
+            s.kernel(staged, result, m);
+            const int32_t outs = m / s.group * s.outputs;
+            int16_t *dst = out + static_cast<size_t>(o) * C + c;
+            for (int32_t i = 0; i < outs; ++i) dst[static_cast<size_t>(i) * C] = result[i];
+            o += outs;
+            // The newest H samples carry over to the next piece.
+            std::memmove(staged, staged + m, static_cast<size_t>(s.history) * sizeof(int16_t));
+            done += m;
+        }
+        std::memcpy(ctx[c]->samples, staged, static_cast<size_t>(s.history) * sizeof(int16_t));
+        written = o;
+    }
+    return written;
+}
+
+}  // namespace rsmpl::fir
