@@ -9,6 +9,7 @@ pkgs=(
   libasound2-dev libasound2-plugins libsndfile1-dev
   alsa-utils sox
   libasound2-plugins python3-numpy python3-matplotlib
+  python3-dev python3-pybind11 pybind11-dev python3-pytest  # the Python package (-DRSMPL_PYTHON=ON)
   clang libclang-rt-14-dev valgrind  # fuzzing (libFuzzer) and leak checks
 )
 
