@@ -17,6 +17,7 @@
 #include <numeric>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "rsmpl/rsmpl.h"
@@ -270,8 +271,7 @@ public:
 		open_all();
 	}
 
-	uint64_t period_in() const { return p_in_; }
-	uint64_t period_out() const { return p_out_; }
+	std::pair<uint64_t, uint64_t> periods() const { return {p_in_, p_out_}; }
 	size_t channels() const { return channels_; }
 
 	void restart()
@@ -530,6 +530,7 @@ public:
 	size_t channels() const { return stream_->channels(); }
 	const std::string &converter() const { return name_; }
 	int64_t delay() const { return converter_delay(name_, in_, out_); }
+	std::pair<uint64_t, uint64_t> periods() const { return stream_->periods(); }
 
 private:
 	std::string name_;
@@ -909,6 +910,8 @@ of dimensions. After last=True only reset() may follow.)")
 	    .def_property_readonly("converter", &Resampler::converter)
 	    .def_property_readonly("delay", &Resampler::delay,
 				   "The converter's measured delay in output frames, which is taken out.")
+	    .def_property_readonly("periods", &Resampler::periods,
+				   "(input, output) frames of the periods the converter is run with.")
 	    .def("__repr__", &Resampler::repr);
 
 	m.def(
