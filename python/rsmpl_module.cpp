@@ -119,8 +119,7 @@ struct Audio {
 	bool two_d;
 };
 
-// Checks an audio argument; channels 0 means "any".
-Audio check_audio(const py::handle &h, size_t channels, bool allow_empty, const char *what = "x")
+Audio check_audio(const py::handle &h, bool allow_empty, const char *what = "x")
 {
 	py::array a = as_ndarray(h, what);
 	Kind k = kind_of(a, what);
@@ -131,9 +130,6 @@ Audio check_audio(const py::handle &h, size_t channels, bool allow_empty, const 
 	size_t ch = a.ndim() == 2 ? static_cast<size_t>(a.shape(1)) : 1;
 	if (a.ndim() == 2 && ch == 0)
 		throw py::value_error(std::string(what) + " has no channels (shape (n, 0))");
-	if (channels && ch != channels)
-		throw py::value_error(std::string(what) + " has " + std::to_string(ch) + " channel(s), the Resampler " +
-				      std::to_string(channels));
 	if (!allow_empty && frames == 0)
 		throw py::value_error(std::string(what) + " is empty");
 	if (!(a.flags() & py::array::c_style))
@@ -479,10 +475,13 @@ public:
 
 	py::array process(const py::handle &xh, bool last, bool allow_empty)
 	{
-		Audio a = check_audio(xh, stream_->channels(), allow_empty);
+		Audio a = check_audio(xh, allow_empty);
 		if (stream_->channels() > 1 && !a.two_d)
 			throw py::value_error("x must be 2-D (frames, channels) for a Resampler of " +
 					      std::to_string(stream_->channels()) + " channels");
+		if (a.channels != stream_->channels())
+			throw py::value_error("x has " + std::to_string(a.channels) + " channel(s), the Resampler expects " +
+					      std::to_string(stream_->channels()));
 		std::vector<int16_t> out;
 		bool bad = false, ended = false;
 		{
@@ -541,7 +540,7 @@ private:
 
 py::array resample(const py::handle &x, py::object in_rate, py::object out_rate, py::object converter)
 {
-	Audio a = check_audio(x, 0, false);
+	Audio a = check_audio(x, false);
 	Resampler r(in_rate, out_rate, py::int_(a.channels), converter);
 	return r.process(x, true, false);
 }
@@ -607,7 +606,7 @@ std::vector<int32_t> stage_blocks(const StageRule &r, size_t n, bool up)
 py::array run_stage(bool up, const py::handle &xh, const py::handle &factor)
 {
 	const StageRule r = stage_rule(up, factor);
-	Audio a = check_audio(xh, 0, false);
+	Audio a = check_audio(xh, false);
 	size_t used = up ? a.frames : a.frames / r.unit * r.unit;
 	const char *dir = up ? "up" : "down";
 	if (used < static_cast<size_t>(r.min))
