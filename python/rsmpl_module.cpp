@@ -33,7 +33,7 @@ enum class Kind { I16, F32, F64 };
 
 Kind kind_of(const py::array &x, const char *what)
 {
-	if (py::isinstance<py::array_t<int16_t>>(x) && x.dtype().is(py::dtype::of<int16_t>()))
+	if (x.dtype().is(py::dtype::of<int16_t>()))
 		return Kind::I16;
 	if (x.dtype().is(py::dtype::of<float>()))
 		return Kind::F32;
@@ -184,15 +184,36 @@ public:
 	Instance(open_fn entry, const std::string &name, snd_pcm_rate_info_t info) : info_(info)
 	{
 		std::memset(&ops_, 0, sizeof(ops_));
+		try {
+			set_up(entry, name);
+		} catch (...) {
+			release();
+			throw;
+		}
+	}
+	Instance(const Instance &) = delete;
+	Instance &operator=(const Instance &) = delete;
+	~Instance() { release(); }
+	void convert(int16_t *dst, const int16_t *src)
+	{
+		ops_.convert_s16(obj_, dst, static_cast<unsigned int>(info_.out.period_size), src,
+				 static_cast<unsigned int>(info_.in.period_size));
+	}
+
+private:
+	void set_up(open_fn entry, const std::string &name)
+	{
+		const snd_pcm_rate_info_t &info = info_;
 		int err = entry(SND_PCM_RATE_PLUGIN_VERSION, &obj_, &ops_);
 		if (err < 0 || !obj_ || !ops_.init || !ops_.convert_s16)
 			throw ConverterError{"converter " + name + " could not be opened (error " + std::to_string(err) + ")"};
+		// Like alsa-lib's hw_free, free follows even a failed init: it may have allocated.
+		init_called_ = true;
 		err = ops_.init(obj_, &info_);
 		if (err < 0)
 			throw ConverterError{"converter " + name + " refused " + std::to_string(info.in.rate) + " -> " +
 					     std::to_string(info.out.rate) + " Hz with " + std::to_string(info.channels) +
 					     " channel(s) (error " + std::to_string(err) + ")"};
-		inited_ = true;
 		if (ops_.adjust_pitch) {
 			err = ops_.adjust_pitch(obj_, &info_);
 			if (err < 0)
@@ -204,26 +225,22 @@ public:
 		if (ops_.reset)
 			ops_.reset(obj_);
 	}
-	Instance(const Instance &) = delete;
-	Instance &operator=(const Instance &) = delete;
-	~Instance()
+
+	// alsa-lib's order: free after an init, close last.
+	void release()
 	{
-		if (inited_ && ops_.free)
+		if (init_called_ && ops_.free)
 			ops_.free(obj_);
 		if (obj_ && ops_.close)
 			ops_.close(obj_);
-	}
-	void convert(int16_t *dst, const int16_t *src)
-	{
-		ops_.convert_s16(obj_, dst, static_cast<unsigned int>(info_.out.period_size), src,
-				 static_cast<unsigned int>(info_.in.period_size));
+		init_called_ = false;
+		obj_ = nullptr;
 	}
 
-private:
 	void *obj_ = nullptr;
 	snd_pcm_rate_ops_t ops_;
 	snd_pcm_rate_info_t info_;
-	bool inited_ = false;
+	bool init_called_ = false;
 };
 
 constexpr uint64_t kMaxRate = 1000000;
