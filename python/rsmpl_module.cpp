@@ -281,6 +281,11 @@ public:
 			k += unit;
 		p_in_ = r * k;
 		p_out_ = s * k;
+		// Nearly coprime rates need periods of seconds; beyond this no device runs them.
+		if (std::max(p_in_, p_out_) * channels_ > (uint64_t(1) << 24))
+			throw py::value_error("rates " + std::to_string(in_rate) + " -> " + std::to_string(out_rate) +
+					      " need periods of " + std::to_string(p_in_) + " -> " + std::to_string(p_out_) +
+					      " frames, too long for " + std::to_string(channels) + " channel(s)");
 		open_all();
 	}
 

@@ -40,6 +40,7 @@ CASES = [
     ("out rate 0", resample(X, 48000, 0), ValueError, "rates"),
     ("negative", resample(X, -8000, 8000), ValueError, "rates"),
     ("huge", resample(X, 2**40, 2**40), ValueError, "rates"),
+    ("periods too long", resample(X, 999999, 1000000), ValueError, "periods"),
     ("ratio 9", resample(X, 8000, 72000), ValueError, "1/8..8"),
     ("ratio 1/9", resample(X, 72000, 8000), ValueError, "1/8..8"),
     ("float rate", lambda: rsmpl.resample(X, 44100.0, 48000, converter="rsmplrate"), TypeError, "integers"),
