@@ -7,6 +7,7 @@
 #include <alsa/pcm_rate.h>
 #include <dlfcn.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -245,13 +246,32 @@ private:
 
 constexpr uint64_t kMaxRate = 1000000;
 
+// Python and numpy integers alike (anything with __index__), but not bool.
+py::int_ as_integer(const py::handle &h, const std::string &what)
+{
+	if (PyBool_Check(h.ptr()) || py::isinstance<py::float_>(h))
+		throw py::type_error(what + " must be integers, not " + std::string(py::str(h.get_type().attr("__name__"))));
+	PyObject *i = PyNumber_Index(h.ptr());
+	if (!i) {
+		PyErr_Clear();
+		throw py::type_error(what + " must be integers, not " + std::string(py::str(h.get_type().attr("__name__"))));
+	}
+	return py::reinterpret_steal<py::int_>(i);
+}
+
+long long clamp_ll(const py::int_ &i)
+{
+	const int sign = PyObject_RichCompareBool(i.ptr(), py::int_(0).ptr(), Py_LT) ? -1 : 1;
+	try {
+		return i.cast<long long>();
+	} catch (const py::cast_error &) {
+		return sign < 0 ? LLONG_MIN : LLONG_MAX;
+	}
+}
+
 void check_rates(const py::handle &in_h, const py::handle &out_h)
 {
-	for (const py::handle &h : {in_h, out_h})
-		if (!py::isinstance<py::int_>(h) || py::isinstance<py::bool_>(h))
-			throw py::type_error("rates must be integers (Hz), not " +
-					     std::string(py::str(h.get_type().attr("__name__"))));
-	const long long in = in_h.cast<long long>(), out = out_h.cast<long long>();
+	const long long in = clamp_ll(as_integer(in_h, "rates")), out = clamp_ll(as_integer(out_h, "rates"));
 	if (in <= 0 || out <= 0 || static_cast<uint64_t>(in) > kMaxRate || static_cast<uint64_t>(out) > kMaxRate)
 		throw py::value_error("rates must lie in 1.." + std::to_string(kMaxRate) + " Hz, got " +
 				      std::to_string(in) + " -> " + std::to_string(out));
@@ -479,16 +499,14 @@ public:
 	Resampler(py::object in_rate, py::object out_rate, py::object channels, py::object converter)
 	{
 		check_rates(in_rate, out_rate);
-		if (!py::isinstance<py::int_>(channels) || py::isinstance<py::bool_>(channels))
-			throw py::type_error("channels must be an integer");
-		const long long ch = channels.cast<long long>();
+		const long long ch = clamp_ll(as_integer(channels, "channels"));
 		if (ch < 1 || ch > 256)
 			throw py::value_error("channels must be 1..256, got " + std::to_string(ch));
 		if (!py::isinstance<py::str>(converter))
 			throw py::type_error("converter must be a str");
 		name_ = converter.cast<std::string>();
-		in_ = in_rate.cast<uint32_t>();
-		out_ = out_rate.cast<uint32_t>();
+		in_ = static_cast<uint32_t>(clamp_ll(as_integer(in_rate, "rates")));
+		out_ = static_cast<uint32_t>(clamp_ll(as_integer(out_rate, "rates")));
 		find_entry(name_);
 		py::gil_scoped_release nogil;
 		const int64_t delay = converter_delay(name_, in_, out_);

@@ -40,10 +40,12 @@ CASES = [
     ("out rate 0", resample(X, 48000, 0), ValueError, "rates"),
     ("negative", resample(X, -8000, 8000), ValueError, "rates"),
     ("huge", resample(X, 2**40, 2**40), ValueError, "rates"),
+    ("beyond int64", resample(X, 2**70, 8000), ValueError, "rates"),
     ("periods too long", resample(X, 999999, 1000000), ValueError, "periods"),
     ("ratio 9", resample(X, 8000, 72000), ValueError, "1/8..8"),
     ("ratio 1/9", resample(X, 72000, 8000), ValueError, "1/8..8"),
     ("float rate", lambda: rsmpl.resample(X, 44100.0, 48000, converter="rsmplrate"), TypeError, "integers"),
+    ("string rate", resample(X, "8000", 16000), TypeError, "integers"),
     ("bool rate", lambda: rsmpl.resample(X, True, 1, converter="rsmplrate"), TypeError, "integers"),
     ("unknown converter", resample(X, conv="speexrate"), ValueError, "unknown converter"),
     ("bad name", resample(X, conv="../x"), ValueError, "unknown converter"),
@@ -90,6 +92,13 @@ CASES = [
 def test_bad_input(name, call, exc, text):
     with pytest.raises(exc, match=text):
         call()
+
+
+def test_numpy_integers_are_rates_and_channel_counts():
+    r = rsmpl.Resampler(np.int64(16000), np.uint16(48000), np.int32(2), converter="rsmplrate")
+    assert (r.in_rate, r.out_rate, r.channels) == (16000, 48000, 2)
+    assert np.array_equal(rsmpl.resample(X, np.int32(16000), 48000, converter="rsmplrate"),
+                          rsmpl.resample(X, 16000, 48000, converter="rsmplrate"))
 
 
 def test_rejected_inputs_leave_the_arguments_alone():
