@@ -2,8 +2,9 @@
 // set-ups: the built module is dlopen'ed like alsa-lib does, opened with any
 // version number, and its operations are called in any order a careless host
 // might use (convert before init or after free, init again without free)
-// with zero and absurd rates, zero and mismatched period sizes, 0 to 8
-// channels, foreign formats, and dst_frames smaller or larger than needed.
+// with zero and absurd rates, zero, tiny, exact-ratio and nearly-exact period
+// sizes, calls at, near and far from those periods, 0 to 8 channels, foreign
+// formats, and dst_frames smaller or larger than needed.
 // Checked: the table is written only as far as the version allows; init and
 // adjust_pitch answer as documented; convert stays inside the frames it is
 // given (guards after every buffer), never changes its input, and nothing
@@ -124,14 +125,29 @@ void init(Instance &in, Reader &r) {
     }
 }
 
+// The output period of every kind: unrelated, in a ratio of small numbers
+// (exact for the FIR path), or off such a ratio by a frame or two as alsa-lib
+// rounds it.
+snd_pcm_uframes_t pick_out_period(Reader &r, snd_pcm_uframes_t in_period) {
+    switch (r.u8() % 3) {
+        case 0: return pick_period(r);
+        case 1: return in_period * (1 + r.range(0, 6)) / (1 + r.range(0, 6));
+        default: {
+            const snd_pcm_uframes_t ratio = in_period * (1 + r.range(0, 6)) / (1 + r.range(0, 6));
+            return ratio + r.range(0, 4) - 2;
+        }
+    }
+}
+
 void adjust_pitch(Instance &in, Reader &r) {
     snd_pcm_rate_info_t &info = in.info;
-    info.in.period_size = pick_period(r);
-    info.out.period_size = (r.u8() & 1) ? pick_period(r)
-                                        : info.in.period_size * (1 + r.range(0, 6)) / (1 + r.range(0, 6));
+    info.in.period_size = (r.u8() & 3) == 0 ? r.range(0, 40) : pick_period(r);  // tiny periods too
+    info.out.period_size = pick_out_period(r, info.in.period_size);
     const int err = in.host.ops.adjust_pitch(in.obj, &info);
     FUZZ_CHECK(err == 0 || err == -EIO);
-    if (info.in.period_size == 0 || info.out.period_size == 0) FUZZ_CHECK(err == -EIO);
+    // No input period: pitch 0 meets it at once. No output period for a real input period: refused.
+    if (info.in.period_size == 0) FUZZ_CHECK(err == 0);
+    if (info.in.period_size != 0 && info.out.period_size == 0) FUZZ_CHECK(err == -EIO);
     // Success means the output period maps back to exactly the input period.
     if (err == 0) FUZZ_CHECK(in.host.ops.input_frames(in.obj, info.out.period_size) == info.in.period_size);
 }
@@ -141,9 +157,18 @@ void convert(Instance &in, Reader &r) {
     // thousand frames, and dst_frames that may be short of what is due.
     uint32_t src_frames, dst_frames;
     const uint8_t kind = r.u8();
-    if (kind % 4 == 0 && in.info.in.period_size <= 8192 && in.info.out.period_size <= 8192) {
+    const bool periods = in.info.in.period_size <= 8192 && in.info.out.period_size <= 8192;
+    if (kind % 4 == 0 && periods) {
         src_frames = static_cast<uint32_t>(in.info.in.period_size);
         dst_frames = static_cast<uint32_t>(in.info.out.period_size);
+    } else if (kind % 8 == 3 && periods) {  // a frame or two off the periods
+        src_frames = static_cast<uint32_t>(in.info.in.period_size + r.range(0, 4)) - 2u;
+        dst_frames = static_cast<uint32_t>(in.info.out.period_size + r.range(0, 4)) - 2u;
+        src_frames = src_frames > 8192 ? 0 : src_frames;
+        dst_frames = dst_frames > 8192 ? 0 : dst_frames;
+    } else if (kind % 8 == 7) {  // below every block rule
+        src_frames = r.range(0, 40);
+        dst_frames = r.range(0, 250);
     } else {
         src_frames = r.range(0, 3000);
         dst_frames = kind % 4 == 1 ? static_cast<uint32_t>(

@@ -2,6 +2,8 @@
 // the one RSMPL_ENGINE names when it can run it.
 #include "rsmpl/engine.hpp"
 
+#include <pthread.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -56,18 +58,34 @@ const KernelSet *const kBuilt[] = {
 };
 constexpr size_t kBuiltCount = sizeof kBuilt / sizeof kBuilt[0];
 
+// Filled once under pthread_once rather than as function-local statics: the
+// C++ runtime's guards would make every C user of librsmpl load libstdc++.
 struct Available {
     const KernelSet *sets[kBuiltCount];
-    size_t n = 0;
-    Available() {
-        for (const KernelSet *k : kBuilt)
-            if (cpu_runs(k->id)) sets[n++] = k;
-    }
+    size_t n;
 };
+Available g_available;
+pthread_once_t g_available_once = PTHREAD_ONCE_INIT;
+
+void fill_available() {
+    for (const KernelSet *k : kBuilt)
+        if (cpu_runs(k->id)) g_available.sets[g_available.n++] = k;
+}
 
 const Available &available() {
-    static const Available a;
-    return a;
+    pthread_once(&g_available_once, fill_available);
+    return g_available;
+}
+
+const KernelSet *g_chosen;
+pthread_once_t g_chosen_once = PTHREAD_ONCE_INIT;
+
+void choose_once() {
+#if RSMPL_ENGINE_ENV
+    g_chosen = &choose_kernels(std::getenv("RSMPL_ENGINE"));
+#else
+    g_chosen = &choose_kernels(nullptr);
+#endif
 }
 
 }  // namespace
@@ -101,12 +119,8 @@ const KernelSet &choose_kernels(const char *requested) {
 }
 
 const KernelSet &kernels() {
-#if RSMPL_ENGINE_ENV
-    static const KernelSet &chosen = choose_kernels(std::getenv("RSMPL_ENGINE"));
-#else
-    static const KernelSet &chosen = choose_kernels(nullptr);
-#endif
-    return chosen;
+    pthread_once(&g_chosen_once, choose_once);
+    return *g_chosen;
 }
 
 const char *engine_name() { return kernels().name; }

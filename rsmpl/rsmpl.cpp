@@ -1,6 +1,8 @@
 // The RSMPL interface: argument and block-length checks in front of the
 // fixed-ratio stages and the sinc interpolator. Every check happens before
 // anything is written, so a rejected call leaves context and buffers as they were.
+#include <pthread.h>
+
 #include <cstdint>
 
 #include "rsmpl/context.hpp"
@@ -59,20 +61,21 @@ uint32_t run_stage(const StageEntry (&table)[5], RSMPL_Ctx *ctx, const int16_t *
     return RSMPL_OK;
 }
 
-// The hooks have no work today. A function-local static is initialised once,
-// and concurrent first callers wait for it, should they ever get some.
-void init_coefficients_once() {
-    static const bool done = [] {
-        InitRsmplCoeff_2_1();
-        InitRsmplCoeff_3_2();
-        InitRsmplCoeff_3_1();
-        InitRsmplCoeff_4_1();
-        InitRsmplCoeff_6_1();
-        RSMPLSincLPFInit();
-        return true;
-    }();
-    (void)done;
+// The hooks have no work today. pthread_once runs them once, and concurrent
+// first callers wait for it, should they ever get some (a guarded static
+// would make librsmpl's C users load libstdc++).
+pthread_once_t g_coefficients_once = PTHREAD_ONCE_INIT;
+
+void init_coefficients() {
+    InitRsmplCoeff_2_1();
+    InitRsmplCoeff_3_2();
+    InitRsmplCoeff_3_1();
+    InitRsmplCoeff_4_1();
+    InitRsmplCoeff_6_1();
+    RSMPLSincLPFInit();
 }
+
+void init_coefficients_once() { pthread_once(&g_coefficients_once, init_coefficients); }
 
 }  // namespace
 

@@ -3,6 +3,8 @@
 // filter history in the context and makes in-place operation safe.
 #include "rsmpl/upsample.hpp"
 
+#include <pthread.h>
+
 #include <cstring>
 
 #include "rsmpl/context.hpp"
@@ -117,15 +119,22 @@ void run_stage(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
 
 }  // namespace
 
+namespace {
+
+// pthread_once, not a guarded static: librsmpl must not need libstdc++.
+Engine g_engines[4];
+size_t g_engine_count;
+pthread_once_t g_engines_once = PTHREAD_ONCE_INIT;
+
+void fill_engines() {
+    for (const KernelSet *k : available_kernels()) g_engines[g_engine_count++] = k->up;
+}
+
+}  // namespace
+
 std::span<const Engine> engines() {
-    static const struct List {
-        Engine items[4];
-        size_t n = 0;
-        List() {
-            for (const KernelSet *k : available_kernels()) items[n++] = k->up;
-        }
-    } list;
-    return {list.items, list.n};
+    pthread_once(&g_engines_once, fill_engines);
+    return {g_engines, g_engine_count};
 }
 
 }  // namespace rsmpl::up

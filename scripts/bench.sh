@@ -7,7 +7,7 @@
 #   ROUNDS=3 SECONDS_PER_RUN=5 MIN_TIME=0.05 REPS=1 bash scripts/bench.sh   # quicker, noisier
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
+bash scripts/setup.sh --bench
 
 rounds=${ROUNDS:-11}
 seconds=${SECONDS_PER_RUN:-20}
@@ -16,8 +16,8 @@ reps=${REPS:-5}
 build=build-bench
 out=docs/performance.md
 
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
-cmake --build "$build" -j2 --target bench_kernels e2e_alsa rate_benchcopy rsmplrate
+cmake --preset bench >/dev/null
+cmake --build --preset bench -j2
 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT

@@ -10,8 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${RSMPL_FUZZ_SECONDS:-40}
 
-cmake -S . -B build-fuzz -DRSMPL_FUZZ=ON -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF -DRSMPL_BUILD_BENCH=OFF >/dev/null
+cmake --preset fuzz >/dev/null
 names=${RSMPL_FUZZ_TARGETS:-$(cd fuzz && ls fuzz_*.cpp | sed 's/^fuzz_//; s/\.cpp$//')}
 targets=()
 for n in $names; do targets+=("fuzz_$n"); done

@@ -3,8 +3,8 @@
 # docs/quality.md and docs/quality/*.png from scratch.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+bash scripts/setup.sh --quality
+cmake --preset main
 cmake --build build -j "$(nproc)" --target rsmpl-quality
 rm -rf build/quality-data
 ./build/tools/rsmpl-quality --out build/quality-data "$@" || echo "quality: some paths could not be measured (see docs/quality.md)"

@@ -1,27 +1,39 @@
 #!/usr/bin/env bash
-# Installs every build and test dependency from Debian's packages.
+# Installs Debian packages: with no argument what scripts/run.sh needs (the
+# library, the module and rsmpl-convert); each option adds a group:
+#   --test     the test suite: GoogleTest, Google Benchmark (its smoke tests),
+#              aplay, clang's libFuzzer, valgrind, and the AArch64 cross
+#              toolchain with qemu-user and the arm64 libraries, pybind11,
+#              numpy and pytest for the Python module
+#   --bench    Google Benchmark and the peers' plug-ins
+#   --quality  numpy and matplotlib for the quality report
 # Idempotent: asks apt only for what is missing. Works as root or through sudo.
 set -euo pipefail
 
-pkgs=(
-  cmake make g++ pkg-config binutils
-  libgtest-dev libgmock-dev libbenchmark-dev
-  libasound2-dev libasound2-plugins libsndfile1-dev
-  alsa-utils sox
-  libasound2-plugins python3-numpy python3-matplotlib
-  python3-dev python3-pybind11 pybind11-dev python3-pytest  # the Python package (-DRSMPL_PYTHON=ON)
-  clang libclang-rt-14-dev valgrind  # fuzzing (libFuzzer) and leak checks
-)
+pkgs=(cmake make g++ pkg-config libasound2-dev libsndfile1-dev sox libasound2-plugins)
+cross=0
+for arg in "$@"; do
+  case "$arg" in
+    --test)
+      pkgs+=(binutils libgtest-dev libgmock-dev libbenchmark-dev alsa-utils
+             clang libclang-rt-14-dev valgrind
+             g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libasound2-dev:arm64 libsndfile1-dev:arm64
+             libgtest-dev:arm64 libgmock-dev:arm64
+             python3-dev python3-pybind11 pybind11-dev python3-numpy python3-pytest)
+      cross=1 ;;
+    --bench) pkgs+=(libbenchmark-dev) ;;
+    --quality) pkgs+=(python3-numpy python3-matplotlib) ;;
+    *) echo "setup: unknown option $arg" >&2; exit 2 ;;
+  esac
+done
 
-# AArch64 cross build and its emulator (scripts/test.sh): Debian's cross
-# compiler, qemu-user, and the arm64 libraries from the multiarch archive.
-if ! dpkg --print-foreign-architectures | grep -qx arm64; then
-  as_root=()
-  [ "$(id -u)" -ne 0 ] && as_root=(sudo)
-  "${as_root[@]}" dpkg --add-architecture arm64
+sudo=()
+[ "$(id -u)" -ne 0 ] && sudo=(sudo)
+
+# The arm64 libraries come from Debian's multiarch archive.
+if [ "$cross" -eq 1 ] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  "${sudo[@]}" dpkg --add-architecture arm64
 fi
-pkgs+=(g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libasound2-dev:arm64 libsndfile1-dev:arm64
-      libgtest-dev:arm64 libgmock-dev:arm64)
 
 missing=()
 for p in "${pkgs[@]}"; do
@@ -29,8 +41,6 @@ for p in "${pkgs[@]}"; do
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
-sudo=()
-[ "$(id -u)" -ne 0 ] && sudo=(sudo)
 echo "setup: installing ${missing[*]}"
 "${sudo[@]}" apt-get update -qq
 "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"

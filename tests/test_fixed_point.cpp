@@ -331,18 +331,72 @@ TEST(DbToScale, AllLevelsMatchReferenceChecksumsAndStayClose) {
     EXPECT_EQ(q22.h, 0xbffa9de4d50fbfebu);
 }
 
-TEST(DbToScale, ClampsBeyondNinetyAndSaturatesQ22AboveAbout54Db) {
-    std::mt19937_64 rng(9);
-    for (int i = 0; i < 100000; ++i) {
-        const int32_t dB = static_cast<int32_t>(rng());
-        if (dB >= 2965504 || dB < -2965504) {
-            ASSERT_EQ(UTILdBToScaleExp32(dB), exp32(0x40000000, dB > 0 ? 15 : -15)) << dB;
-        }
+// The steps written out plainly over the table (checked against its
+// definition above): the rounded level wraps as a 16-bit number.
+UTIL_EXP32 db_model(int32_t dB) {
+    const int64_t r64 = (int64_t{dB} + 16384) / 32768 - ((int64_t{dB} + 16384) % 32768 < 0 ? 1 : 0);  // floor
+    int64_t r = ((r64 % 65536) + 65536) % 65536;
+    if (r >= 32768) r -= 65536;
+    if (r > 90) return exp32(0x40000000, 15);
+    if (dB == 0) return exp32(0x40000000, 0);
+    if (r < -90) return exp32(0x40000000, -15);
+    const int64_t f = int64_t{dB} - r * 32768;
+    const __int128 product = static_cast<__int128>(f) * (f <= 0 ? 0x70F7253E : 0x7B24812A);
+    const int64_t k = std::clamp<int64_t>(0x40000000 + static_cast<int64_t>(product >> 19), INT32_MIN, INT32_MAX);
+    const auto &e = rsmpl::kDbScaleTable[90 - r];
+    const int64_t tq = (int64_t{e.mantissa} + 0x8000) >> 16;
+    return exp32(static_cast<int32_t>(std::clamp<int64_t>((tq * k + 0x2000) >> 14, INT32_MIN, INT32_MAX)), e.exponent);
+}
+
+// m * 2^(e - 8) truncated toward minus infinity, saturated to 32 bits.
+int32_t q22_model(UTIL_EXP32 x) {
+    const long double v = std::floor(std::ldexp(static_cast<long double>(mant_of(x)), exp_of(x) - 8));
+    return static_cast<int32_t>(std::clamp<long double>(v, INT32_MIN, INT32_MAX));
+}
+
+// Beyond +-90.5 dB the level clamps, until it passes +-32767 dB: there the
+// rounded level wraps as a 16-bit number, back through the clamps and the
+// table, whose correction then saturates.
+TEST(DbToScale, ClampsBeyondNinetyAndWrapsBeyond32767Db) {
+    const auto level = [](int64_t r, int64_t frac) { return static_cast<int32_t>(r * 32768 + frac); };
+    struct Case { int32_t dB; UTIL_EXP32 want; };
+    const Case cases[] = {
+        {level(91, -16384), exp32(0x40000000, 15)},      // rounds to +91: ceiling
+        {level(32767, 16383), exp32(0x40000000, 15)},    // the last level before the wrap
+        {level(32767, 16384), exp32(0x40000000, -15)},   // rounds to +32768, read as -32768: floor
+        {level(-32768, -16384), exp32(0x40000000, -15)}, // -32768 itself: floor
+        {level(-32768, -16385), exp32(0x40000000, 15)},  // -32769 reads as +32767: ceiling
+        {level(-91, 16383), exp32(0x40000000, -15)},
+        {INT32_MAX, exp32(INT32_MAX, 0)},                // rounds to 65536, read as 0 dB; the correction saturates
+        {INT32_MIN, exp32(INT32_MIN, 0)},                // rounds to -65536, read as 0 dB
+        {level(65445, 0), exp32(0x40000000, -15)},       // reads as -91: floor
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(UTILdBToScaleExp32(c.dB), c.want) << c.dB;
+        EXPECT_EQ(db_model(c.dB), c.want) << c.dB;
     }
-    EXPECT_EQ(UTILdBToScaleExp32(INT32_MAX), exp32(0x40000000, 15));
-    EXPECT_EQ(UTILdBToScaleExp32(INT32_MIN), exp32(0x40000000, -15));
+    // Levels that wrap into the table (65446 reads as -90, 65535 as -1) take
+    // a correction far beyond 0.5 dB, which saturates.
+    for (int64_t r : {65446, 65447, 65535, -65446, -65535, 32766, -32767})
+        for (int64_t frac : {-16384, -1, 0, 1, 16383}) {
+            const int64_t dB = r * 32768 + frac;
+            if (dB < INT32_MIN || dB > INT32_MAX) continue;
+            const int32_t d = static_cast<int32_t>(dB);
+            ASSERT_EQ(UTILdBToScaleExp32(d), db_model(d)) << d;
+            ASSERT_EQ(UTILdBToScale(d), q22_model(db_model(d))) << d;
+        }
+    std::mt19937_64 rng(9);
+    for (int i = 0; i < 200000; ++i) {
+        const int32_t dB = static_cast<int32_t>(rng());
+        ASSERT_EQ(UTILdBToScaleExp32(dB), db_model(dB)) << dB;
+        ASSERT_EQ(UTILdBToScale(dB), q22_model(db_model(dB))) << dB;
+        ASSERT_EQ(UTIL_dBToScale(dB), UTILdBToScale(dB)) << dB;
+    }
+}
+
+TEST(DbToScale, SaturatesQ22AboveAbout54Db) {
     EXPECT_LT(UTILdBToScale(static_cast<int32_t>(54.17 * 32768)), INT32_MAX);
-    for (int64_t dB = static_cast<int64_t>(54.19 * 32768); dB <= INT32_MAX; dB += 9973)
+    for (int64_t dB = static_cast<int64_t>(54.19 * 32768); dB <= int64_t{32767} * 32768 + 16383; dB += 9973)
         ASSERT_EQ(UTILdBToScale(static_cast<int32_t>(dB)), INT32_MAX) << dB;
 }
 

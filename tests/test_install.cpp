@@ -1,8 +1,8 @@
 // `cmake --install` into a staging directory (DESTDIR), then the staged files
 // used the way an installed system uses them: alsa-lib loads the module and
 // the pcm.rsmplrate definition (aplay -D rsmplrate:..., and
-// defaults.pcm.rate_converter), and a program builds against the headers
-// through the pkg-config file.
+// defaults.pcm.rate_converter), and a C program builds against librsmpl
+// through the pkg-config file and through the CMake package.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -53,6 +53,8 @@ protected:
             if (name == "10-rsmplrate.conf" && e.is_symlink()) conf_link_ = e.path();
             if (name == "10-rsmplrate.conf" && !e.is_symlink()) conf_ = e.path();
             if (name == "rsmpl.pc") pc_ = e.path();
+            if (name == "librsmpl.so") library_link_ = e.path();
+            if (name == "rsmplConfig.cmake" || name == "rsmplConfigVersion.cmake") packages_.push_back(e.path());
             if (name == "rsmpl.h" || name == "rsmpl_util.h") headers_.push_back(e.path());
         }
     }
@@ -81,8 +83,11 @@ protected:
         return path;
     }
 
-    static inline fs::path stage_, module_, conf_, conf_link_, pc_;
-    static inline std::vector<fs::path> headers_;
+    // The staged prefix, as a consumer's search path.
+    static fs::path staged_prefix() { return stage_ / fs::path(cache_value("CMAKE_INSTALL_PREFIX")).relative_path(); }
+
+    static inline fs::path stage_, module_, conf_, conf_link_, pc_, library_link_;
+    static inline std::vector<fs::path> headers_, packages_;
     static inline Cmd install_;
 };
 
@@ -109,28 +114,89 @@ TEST_F(Installed, EveryPieceLandsWhereAlsaLibAndPkgConfigLook) {
     }
 }
 
+// A C program that uses both headers and reports, by the documented numbers,
+// the context size and the status of a good and of a rejected call.
+const char kConsumer[] =
+    "#include <rsmpl/rsmpl.h>\n#include <rsmpl/rsmpl_util.h>\n#include <stdio.h>\n#include <stdlib.h>\n"
+    "int main(void) {\n"
+    "  RSMPL_Ctx *ctx = (RSMPL_Ctx *)malloc(RSMPL_GetContextSize());\n"
+    "  unsigned st = RSMPL_InitContext(ctx);\n"
+    "  short in[8] = {1, 2, 3, 4, 5, 6, 7, 8}, out[16];\n"
+    "  UTIL_Memset(in, 0, sizeof(in));\n"
+    "  unsigned up = RSMPL_Up(ctx, in, out, 8, 1);\n"
+    "  unsigned bad = RSMPL_Up(ctx, in, out, 8, 5);\n"
+    "  printf(\"%u %u %d %u %u %d\\n\", (unsigned)RSMPL_GetContextSize(), st, in[3], up, bad, out[15]);\n"
+    "  free(ctx);\n"
+    "  return 0;\n"
+    "}\n";
+constexpr const char kConsumerOutput[] = "3336 0 0 0 3 0\n";
+
+std::string consumer_cflags() { return kSanitized ? "-fsanitize=address,undefined" : ""; }
+
+TEST_F(Installed, LibraryLandsWithItsDevelopmentLinkAndOnlyTheInterface) {
+    ASSERT_FALSE(library_link_.empty()) << install_.output;
+    EXPECT_EQ(library_link_.parent_path(), staged_prefix() / cache_value("CMAKE_INSTALL_LIBDIR"));
+    ASSERT_TRUE(fs::is_symlink(library_link_));
+    EXPECT_EQ(fs::read_symlink(library_link_), "librsmpl.so.1");
+    const fs::path library = fs::canonical(library_link_);
+    const Cmd dynamic = sh("readelf -d '" + library.string() + "'");
+    ASSERT_EQ(dynamic.status, 0) << dynamic.output;
+    EXPECT_NE(dynamic.output.find("Library soname: [librsmpl.so.1]"), std::string::npos) << dynamic.output;
+    EXPECT_EQ(dynamic.output.find("RUNPATH"), std::string::npos) << dynamic.output;
+    EXPECT_EQ(dynamic.output.find("RPATH"), std::string::npos) << dynamic.output;
+    // Installing must not change what it exports (the build tree's file is held to the lists).
+    const std::string nm = "nm -D --defined-only --format=posix ";
+    const Cmd staged = sh(nm + "'" + library.string() + "' | cut -d' ' -f1 | sort");
+    const Cmd built = sh(nm + "'" RSMPL_LIBRARY_PATH "' | cut -d' ' -f1 | sort");
+    ASSERT_EQ(staged.status, 0);
+    EXPECT_NE(staged.output.find("RSMPL_Up\n"), std::string::npos) << staged.output;
+    EXPECT_EQ(staged.output, built.output);
+}
+
 TEST_F(Installed, ProgramsBuildAgainstThePkgConfigFile) {
     ASSERT_FALSE(pc_.empty());
     const fs::path src = stage_ / "use_rsmpl.c";
-    std::ofstream(src) << "#include <rsmpl/rsmpl.h>\n#include <rsmpl/rsmpl_util.h>\n#include <stdio.h>\n"
-                          "#include <stdlib.h>\n"
-                          "int main(void) {\n"
-                          "  RSMPL_Ctx *ctx = (RSMPL_Ctx *)malloc(RSMPL_GetContextSize());\n"
-                          "  unsigned st = RSMPL_InitContext(ctx);\n"
-                          "  short buf[4] = {1, 2, 3, 4};\n"
-                          "  UTIL_Memset(buf, 0, sizeof(buf));\n"
-                          "  printf(\"%u %u %d\\n\", (unsigned)RSMPL_GetContextSize(), st, buf[3]);\n"
-                          "  free(ctx);\n"
-                          "  return 0;\n"
-                          "}\n";
-    const std::string flags = "$(PKG_CONFIG_PATH='" + pc_.parent_path().string() + "' pkg-config --cflags --libs rsmpl)";
-    const std::string sanitize = kSanitized ? " -fsanitize=address,undefined" : "";
-    const Cmd build = sh(std::string(RSMPL_TARGET_CC) + " -std=c99 -Wall -Werror" + sanitize + " '" + src.string() + "' -o '" +
-                         (stage_ / "use_rsmpl").string() + "' " + flags);
+    std::ofstream(src) << kConsumer;
+    const std::string pkg = "PKG_CONFIG_PATH='" + pc_.parent_path().string() + "' pkg-config ";
+    const Cmd libs = sh(pkg + "--libs rsmpl");
+    const std::string libs_out = trimmed(libs.output);
+    ASSERT_EQ(libs_out.rfind("-L", 0), 0u) << libs_out;
+    ASSERT_EQ(libs_out.substr(libs_out.find(' ')), " -lrsmpl") << libs_out;
+    EXPECT_TRUE(fs::equivalent(libs_out.substr(2, libs_out.find(' ') - 2), library_link_.parent_path())) << libs_out;
+    const std::string flags = "$(" + pkg + "--cflags --libs rsmpl)";
+    const Cmd build = sh(std::string(RSMPL_TARGET_CC) + " -std=c99 -Wall -Werror " + consumer_cflags() + " '" +
+                         src.string() + "' -o '" + (stage_ / "use_rsmpl").string() + "' " + flags);
     ASSERT_EQ(build.status, 0) << build.output;
-    const Cmd run = sh("${RSMPL_EMULATOR:-} '" + (stage_ / "use_rsmpl").string() + "'");
+    // No rpath: the loader finds the library where a system would have put it.
+    const Cmd run = sh("LD_LIBRARY_PATH='" + library_link_.parent_path().string() + "' ${RSMPL_EMULATOR:-} '" +
+                       (stage_ / "use_rsmpl").string() + "'");
     EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_EQ(run.output, "3336 0 0\n");
+    EXPECT_EQ(run.output, kConsumerOutput);
+}
+
+TEST_F(Installed, ProgramsBuildAgainstTheCMakePackage) {
+    ASSERT_EQ(packages_.size(), 2u) << install_.output;
+    const fs::path dir = stage_ / "cmake-consumer";
+    fs::create_directories(dir);
+    std::ofstream(dir / "use_rsmpl.c") << kConsumer;
+    std::ofstream(dir / "CMakeLists.txt") << "cmake_minimum_required(VERSION 3.16)\n"
+                                             "project(use_rsmpl C)\n"
+                                             "find_package(rsmpl 0.1 REQUIRED)\n"
+                                             "add_executable(use_rsmpl use_rsmpl.c)\n"
+                                             "target_compile_options(use_rsmpl PRIVATE -Wall -Werror)\n"
+                                             "target_link_libraries(use_rsmpl PRIVATE rsmpl::rsmpl)\n";
+    std::string configure = "cmake -S '" + dir.string() + "' -B '" + (dir / "build").string() +
+                            "' -DCMAKE_PREFIX_PATH='" + staged_prefix().string() + "' -DCMAKE_C_COMPILER='" +
+                            RSMPL_TARGET_CC + "' -DCMAKE_C_FLAGS='" + consumer_cflags() + "'";
+    const std::string toolchain = cache_value("CMAKE_TOOLCHAIN_FILE");
+    if (!toolchain.empty()) configure += " -DCMAKE_TOOLCHAIN_FILE='" + toolchain + "'";
+    const Cmd conf = sh(configure);
+    ASSERT_EQ(conf.status, 0) << conf.output;
+    const Cmd build = sh("cmake --build '" + (dir / "build").string() + "'");
+    ASSERT_EQ(build.status, 0) << build.output;
+    const Cmd run = sh("${RSMPL_EMULATOR:-} '" + (dir / "build" / "use_rsmpl").string() + "'");
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(run.output, kConsumerOutput);
 }
 
 // Through the pcm.rsmplrate definition, and as alsa-lib's default rate

@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -20,7 +21,9 @@
 
 namespace {
 
+using rsmpl_test::fit_sine;
 using rsmpl_test::hostile_samples;
+using rsmpl_test::SineFit;
 using rsmpl_test::random_samples;
 
 constexpr uint32_t DIV = 0x80000;
@@ -54,8 +57,9 @@ std::vector<snd_pcm_uframes_t> period_sizes(const std::string &dump) {
 
 // Plays `in` (interleaved signed 16-bit, sent in `format`) through the rate
 // PCM and returns what reached the slave.
+// A non-zero `period` asks for that client period size instead of 20 ms.
 Stream play(unsigned in_rate, unsigned out_rate, unsigned channels, const std::vector<int16_t> &in,
-            snd_pcm_format_t format = SND_PCM_FORMAT_S16_LE) {
+            snd_pcm_format_t format = SND_PCM_FORMAT_S16_LE, snd_pcm_uframes_t period = 0) {
     Stream s;
     const int fd = memfd_create("rsmpl-alsa-test", 0);
     EXPECT_GE(fd, 0);
@@ -92,8 +96,14 @@ Stream play(unsigned in_rate, unsigned out_rate, unsigned channels, const std::v
     step("format", snd_pcm_hw_params_set_format(pcm, hw, format));
     step("channels", snd_pcm_hw_params_set_channels(pcm, hw, channels));
     step("rate", snd_pcm_hw_params_set_rate(pcm, hw, in_rate, 0));
-    step("period", snd_pcm_hw_params_set_period_time_near(pcm, hw, &period_us, nullptr));
-    step("buffer", snd_pcm_hw_params_set_buffer_time_near(pcm, hw, &buffer_us, nullptr));
+    if (period != 0) {
+        snd_pcm_uframes_t buffer = 4 * period;
+        step("period", snd_pcm_hw_params_set_period_size_near(pcm, hw, &period, nullptr));
+        step("buffer", snd_pcm_hw_params_set_buffer_size_near(pcm, hw, &buffer));
+    } else {
+        step("period", snd_pcm_hw_params_set_period_time_near(pcm, hw, &period_us, nullptr));
+        step("buffer", snd_pcm_hw_params_set_buffer_time_near(pcm, hw, &buffer_us, nullptr));
+    }
     if (s.setup_err == 0) step("hw_params", snd_pcm_hw_params(pcm, hw));
     snd_pcm_hw_params_free(hw);
 
@@ -308,6 +318,117 @@ TEST(ThroughAlsaLong, MinutesOfAudioLoseNoFrame) {
         EXPECT_TRUE(std::equal(want.begin(), want.end(), s.out.begin()));
     }
 }
+
+// ---- Periods that do not meet the stages' block rules ---------------------------
+
+struct PeriodCase {
+    unsigned in_rate, out_rate;
+    snd_pcm_uframes_t in_period, out_period;  // as alsa-lib negotiates them
+};
+
+std::string period_name(const PeriodCase &c) {
+    return std::to_string(c.in_rate) + "to" + std::to_string(c.out_rate) + "_" + std::to_string(c.in_period) +
+           "to" + std::to_string(c.out_period);
+}
+
+std::vector<int16_t> one_stream(unsigned in_rate, unsigned out_rate, unsigned channels, const std::vector<int16_t> &in) {
+    const bool up = out_rate > in_rate;
+    int refused = 0;
+    auto out = rsmpl_test::one_stream_reference(channels, up, up ? out_rate / in_rate : in_rate / out_rate, in, &refused);
+    EXPECT_EQ(refused, 0);
+    return out;
+}
+
+// Exact-ratio periods that break the block rules: every period converted,
+// each channel the one-stream conversion delayed by fewer frames than one
+// output group of the stage (2 frames down by 2 and 3, 1 down by 6).
+class ExactPeriods : public ::testing::TestWithParam<std::tuple<PeriodCase, unsigned>> {};
+
+TEST_P(ExactPeriods, OutputIsTheOneStreamConversionDelayed) {
+    const auto [c, channels] = GetParam();
+    const unsigned n = c.in_rate / c.out_rate;
+    const size_t periods = 40;
+    const auto in = hostile_samples(c.in_period * periods * channels, c.in_period + channels);
+    const Stream s = play(c.in_rate, c.out_rate, channels, in, SND_PCM_FORMAT_S16_LE, c.in_period);
+    ASSERT_EQ(s.setup_err, 0) << s.failed_step;
+    ASSERT_NE(s.dump.find(expected_line(c.in_rate, c.out_rate)), std::string::npos) << s.dump;
+    ASSERT_EQ(s.in_period, c.in_period);
+    ASSERT_EQ(s.out_period, c.out_period);
+    ASSERT_EQ(s.out.size(), periods * c.out_period * channels);
+
+    const auto want = one_stream(c.in_rate, c.out_rate, channels, in);
+    const size_t group = (n == 6 ? 6 : n == 3 ? 6 : 4) / n;
+    size_t delay = 0;
+    while (delay < group && !std::equal(s.out.begin() + static_cast<std::ptrdiff_t>(delay * channels), s.out.end(),
+                                        want.begin()))
+        ++delay;
+    ASSERT_LT(delay, group) << "no constant delay below one output group matches";
+    for (size_t i = 0; i < delay * channels; ++i) ASSERT_EQ(s.out[i], 0);
+    // Periods that meet the rules must keep their output undelayed.
+    if (c.in_period % (n == 2 ? 4 : 6) == 0) {
+        EXPECT_EQ(delay, 0u);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    PeriodsAndChannels, ExactPeriods,
+    ::testing::Combine(::testing::Values(PeriodCase{44100, 22050, 882, 441}, PeriodCase{48000, 16000, 999, 333},
+                                         PeriodCase{16000, 8000, 330, 165}, PeriodCase{48000, 24000, 1026, 513},
+                                         PeriodCase{48000, 16000, 1002, 334}, PeriodCase{48000, 16000, 960, 320},
+                                         PeriodCase{48000, 8000, 960, 160}, PeriodCase{44100, 22050, 884, 442}),
+                       ::testing::Values(1u, 2u, 3u, 4u)),
+    [](const auto &info) {
+        return period_name(std::get<0>(info.param)) + "_" + std::to_string(std::get<1>(info.param)) + "ch";
+    });
+
+// Periods off the ratio N: alsa-lib takes out_period frames for every
+// in_period, so a tone must come out at in_period / out_period times its
+// input frequency per output frame, clean (no dropped or repeated frame) for
+// minutes, with exactly periods * out_period frames.
+class InexactPeriods : public ::testing::TestWithParam<std::tuple<PeriodCase, unsigned>> {};
+
+TEST_P(InexactPeriods, ToneComesOutCleanAtThePeriodRatio) {
+    const auto [c, channels] = GetParam();
+    const size_t seconds = channels == 1 ? 120 : 5;
+    const size_t periods = seconds * c.in_rate / c.in_period;
+    const size_t frames = periods * c.in_period;
+    std::vector<int16_t> in(frames * channels);
+    std::vector<double> hz(channels);
+    for (unsigned ch = 0; ch < channels; ++ch) {
+        hz[ch] = 300.0 + 170.0 * ch;  // each channel its own tone: a swap shows
+        for (size_t i = 0; i < frames; ++i)
+            in[i * channels + ch] = static_cast<int16_t>(std::lround(12000.0 * std::sin(2 * M_PI * hz[ch] * i / c.in_rate)));
+    }
+    const Stream s = play(c.in_rate, c.out_rate, channels, in, SND_PCM_FORMAT_S16_LE, c.in_period);
+    ASSERT_EQ(s.setup_err, 0) << s.failed_step;
+    ASSERT_NE(s.dump.find(expected_line(c.in_rate, c.out_rate)), std::string::npos) << s.dump;
+    ASSERT_EQ(s.in_period, c.in_period);
+    ASSERT_EQ(s.out_period, c.out_period);
+    ASSERT_EQ(s.out.size(), periods * c.out_period * channels);
+    // The stage's own gain at each tone, from one stream of the first second at the exact ratio N.
+    std::vector<int16_t> head(in.begin(), in.begin() + static_cast<std::ptrdiff_t>(c.in_rate * channels));
+    const auto stage = one_stream(c.in_rate, c.out_rate, channels, head);
+    const unsigned n = c.in_rate / c.out_rate;
+    for (unsigned ch = 0; ch < channels; ++ch) {
+        SCOPED_TRACE(ch);
+        const double gain = fit_sine(stage, channels, ch, 200, 2 * M_PI * hz[ch] * n / c.in_rate).amplitude;
+        const double w = 2 * M_PI * hz[ch] / c.in_rate * static_cast<double>(c.in_period) / c.out_period;
+        const SineFit f = fit_sine(s.out, channels, ch, 200, w);  // past the filter's start-up
+        EXPECT_NEAR(f.amplitude, gain, 0.005 * gain);
+        // The correction's own error on these tones is far below 0.1 %; one
+        // dropped or repeated frame would leave 5 % or more.
+        EXPECT_LT(f.worst, 0.001 * 12000.0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    PeriodsAndChannels, InexactPeriods,
+    ::testing::Combine(::testing::Values(PeriodCase{22050, 11025, 441, 220}, PeriodCase{48000, 16000, 1024, 341},
+                                         PeriodCase{48000, 8000, 1000, 166}),
+                       ::testing::Values(1u, 2u, 3u, 4u)),
+    [](const auto &info) {
+        return period_name(std::get<0>(info.param)) + "_" + std::to_string(std::get<1>(info.param)) + "ch";
+    });
 
 // ---- Set-ups the module or alsa-lib refuse ------------------------------------
 

@@ -8,6 +8,8 @@
 #include <dlfcn.h>
 #include <malloc.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstring>
 #include <string>
@@ -318,8 +320,7 @@ TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
     const Case cases[] = {
         {20000, 10, "invalid pcm period_size 20000 -> 10"},
         {960, 0, "invalid pcm period_size 960 -> 0"},  // the count would stay 0 for ever
-        {0, 960, "invalid pcm period_size 0 -> 960"},
-        {0, 0, "invalid pcm period_size 0 -> 0"},
+        {1, 0, "invalid pcm period_size 1 -> 0"},
         {100000, 1, "invalid pcm period_size 100000 -> 1"},  // steps over 100000
     };
     snd_pcm_rate_info_t info = make_info(44100, 48000, 1);
@@ -340,6 +341,35 @@ TEST_F(PluginOps, AdjustPitchReportsPeriodsItCannotMeet) {
     info.in.period_size = 882;
     info.out.period_size = 960;
     EXPECT_EQ(ops_.adjust_pitch(obj_, &info), 0);
+}
+
+// With no input period every count is 0 and meets it at once: pitch 0,
+// success, no report, the shift as it was (pitch is below 1.0). Both paths
+// then convert without harm.
+TEST_F(PluginOps, AdjustPitchWithoutAnInputPeriodGivesPitchZero) {
+    struct Case { unsigned in_rate, out_rate; snd_pcm_uframes_t out_period; };
+    for (const Case &c : {Case{44100, 48000, 0}, Case{44100, 48000, 960}, Case{48000, 44100, 0},
+                          Case{16000, 48000, 0}, Case{48000, 16000, 1}, Case{48000, 16000, ~snd_pcm_uframes_t{0}}}) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate) + " out " +
+                     std::to_string(c.out_period));
+        g_reports.clear();
+        snd_pcm_rate_info_t info = make_info(c.in_rate, c.out_rate, 2);
+        ASSERT_EQ(ops_.init(obj_, &info), 0);
+        info.in.period_size = 0;
+        info.out.period_size = c.out_period;
+        state().pitch_shift = 9;
+        EXPECT_EQ(ops_.adjust_pitch(obj_, &info), 0);
+        EXPECT_EQ(state().pitch, 0u);
+        EXPECT_EQ(state().pitch_shift, 9u);
+        EXPECT_TRUE(g_reports.empty());
+        EXPECT_EQ(ops_.input_frames(obj_, 960), 0u);
+        EXPECT_EQ(ops_.output_frames(obj_, 960), 0u);
+        ops_.reset(obj_);
+        state().pitch_shift = 4;  // what a host's earlier adjust_pitch would have left for the expander
+        const auto src = random_samples(960 * 2, 41);
+        std::vector<int16_t> dst(2880 * 2);
+        ops_.convert_s16(obj_, dst.data(), 960, src.data(), 960);
+    }
 }
 
 // ---- Linear expander and shrinker ----------------------------------------------
@@ -453,6 +483,130 @@ TEST_F(PluginOps, FirOutputNeverPassesDstFrames) {
     ASSERT_EQ(g_reports.size(), 1u);
     expect_report(g_reports[0], "rsmplrate_Down", "dst_frames overflow");
     EXPECT_EQ(convert(down_src, 0, 3).size(), 0u);
+}
+
+// Periods in the exact ratio that the stage cannot take as they come: the
+// output is each channel's one-stream conversion behind a constant delay of
+// silence, below one output group of the stage when the period reaches the
+// stage's minimum block, and otherwise the least the carry needs (up to
+// min_block - 1 input frames). Reset and a new init start the same again.
+TEST_F(PluginOps, PeriodsOffTheBlockRulesGiveTheOneStreamDelayed) {
+    struct Case { unsigned in_rate, out_rate, channels, in_period, max_delay; };
+    const Case cases[] = {
+        {44100, 22050, 2, 882, 1}, {48000, 16000, 3, 999, 1}, {16000, 8000, 4, 330, 1}, {48000, 24000, 1, 1442, 1},
+        {48000, 8000, 1, 12, 5},   // below the 36-frame block of the stage
+        {48000, 16000, 2, 3, 5},   // below 18
+        {48000, 24000, 1, 2, 3},   // below 8
+        {16000, 48000, 2, 5, 15},  // below the 6-frame block going up
+        {8000, 16000, 1, 1, 6},    {8000, 48000, 4, 3, 30},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate) + " period " +
+                     std::to_string(c.in_period));
+        const bool up = c.out_rate > c.in_rate;
+        const unsigned n = up ? c.out_rate / c.in_rate : c.in_rate / c.out_rate;
+        const unsigned out_period = up ? c.in_period * n : c.in_period / n;
+        const size_t periods = 3000 / c.in_period + 40;
+        const auto in = random_samples(periods * c.in_period * c.channels, c.in_period);
+        int refused = 0;
+        const auto want = rsmpl_test::one_stream_reference(c.channels, up, n, in, &refused);
+        ASSERT_EQ(refused, 0);
+
+        const auto run = [&] {
+            std::vector<int16_t> out;
+            for (size_t p = 0; p < periods; ++p) {
+                const auto first = in.begin() + static_cast<std::ptrdiff_t>(p * c.in_period * c.channels);
+                const std::vector<int16_t> src(first, first + static_cast<std::ptrdiff_t>(c.in_period * c.channels));
+                const auto got = convert(src, out_period, c.channels);
+                out.insert(out.end(), got.begin(), got.end());
+            }
+            return out;
+        };
+        setup(c.in_rate, c.out_rate, c.channels, c.in_period, out_period);
+        const auto out = run();
+        ASSERT_EQ(out.size(), periods * out_period * c.channels);
+        size_t delay = 0;
+        const auto matches = [&](size_t d) {
+            const size_t skip = d * c.channels;
+            return std::all_of(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(skip),
+                               [](int16_t v) { return v == 0; }) &&
+                   std::equal(out.begin() + static_cast<std::ptrdiff_t>(skip), out.end(), want.begin());
+        };
+        while (delay <= c.max_delay && !matches(delay)) ++delay;
+        ASSERT_LE(delay, c.max_delay) << "no constant delay matches";
+
+        ops_.reset(obj_);
+        EXPECT_EQ(run(), out) << "after reset";
+        setup(c.in_rate, c.out_rate, c.channels, c.in_period, out_period);
+        EXPECT_EQ(run(), out) << "after a new init";
+    }
+    EXPECT_TRUE(g_reports.empty());
+}
+
+// A host that never calls adjust_pitch and whose first call breaks the
+// block rules is taken at that call's frame counts: the same stream as with
+// the periods announced.
+TEST_F(PluginOps, PeriodsFromTheFirstCallWithoutAdjustPitch) {
+    const auto in = random_samples(882 * 30 * 2, 51);
+    const auto run = [&] {
+        std::vector<int16_t> out;
+        for (size_t p = 0; p < 30; ++p) {
+            const auto first = in.begin() + static_cast<std::ptrdiff_t>(p * 882 * 2);
+            const auto got = convert(std::vector<int16_t>(first, first + 882 * 2), 441, 2);
+            out.insert(out.end(), got.begin(), got.end());
+        }
+        return out;
+    };
+    setup(44100, 22050, 2, 882, 441);
+    const auto announced = run();
+    snd_pcm_rate_info_t info = make_info(44100, 22050, 2);
+    ASSERT_EQ(ops_.init(obj_, &info), 0);
+    ops_.reset(obj_);
+    EXPECT_EQ(run(), announced);
+    EXPECT_NE(std::count(announced.begin(), announced.end(), int16_t{0}), static_cast<std::ptrdiff_t>(announced.size()));
+
+    // A first call that meets the block rules keeps the plain loop, whatever
+    // dst_frames says: N frames out per frame in, cut at dst_frames.
+    info = make_info(16000, 48000, 1);
+    ASSERT_EQ(ops_.init(obj_, &info), 0);
+    ops_.reset(obj_);
+    const auto src = random_samples(320, 52);
+    const auto want = FirReference(1, true, 3).run(src, {320});
+    EXPECT_EQ(convert(src, 900, 1), std::vector<int16_t>(want.begin(), want.begin() + 900));
+    ASSERT_EQ(g_reports.size(), 1u);
+    expect_report(g_reports[0], "rsmplrate_Up", "dst_frames overflow");
+}
+
+// Periods off the ratio N in both directions (alsa-lib never rounds an up
+// period, a host may): a tone comes out at the period ratio's pitch, clean,
+// with exactly out_period frames per call.
+TEST_F(PluginOps, PeriodsOffTheRatioFollowThePeriodRatio) {
+    struct Case { unsigned in_rate, out_rate, channels, in_period, out_period; };
+    for (const Case &c : {Case{16000, 48000, 2, 320, 961}, Case{8000, 16000, 1, 160, 318}, Case{8000, 48000, 3, 5, 31},
+                          Case{48000, 24000, 2, 962, 480}, Case{48000, 8000, 4, 35, 6}}) {
+        SCOPED_TRACE(std::to_string(c.in_rate) + " -> " + std::to_string(c.out_rate) + " periods " +
+                     std::to_string(c.in_period) + " -> " + std::to_string(c.out_period));
+        setup(c.in_rate, c.out_rate, c.channels, c.in_period, c.out_period);
+        const size_t periods = 4 * c.in_rate / c.in_period;  // 4 s
+        std::vector<int16_t> out;
+        for (size_t p = 0; p < periods; ++p) {
+            std::vector<int16_t> src(size_t{c.in_period} * c.channels);
+            for (size_t k = 0; k < c.in_period; ++k)
+                for (unsigned ch = 0; ch < c.channels; ++ch)
+                    src[k * c.channels + ch] = static_cast<int16_t>(std::lround(
+                        9000.0 * std::sin(2 * M_PI * (400.0 + 150.0 * ch) * double(p * c.in_period + k) / c.in_rate)));
+            const auto got = convert(src, c.out_period, c.channels);
+            out.insert(out.end(), got.begin(), got.end());
+        }
+        ASSERT_EQ(out.size(), periods * c.out_period * c.channels);
+        for (unsigned ch = 0; ch < c.channels; ++ch) {
+            const double w = 2 * M_PI * (400.0 + 150.0 * ch) / c.in_rate * c.in_period / c.out_period;
+            const rsmpl_test::SineFit f = rsmpl_test::fit_sine(out, c.channels, ch, c.out_rate / 50, w);
+            EXPECT_NEAR(f.amplitude, 9000.0, 250.0) << ch;
+            EXPECT_LT(f.worst, 0.002 * 9000.0) << ch;
+        }
+    }
+    EXPECT_TRUE(g_reports.empty());
 }
 
 TEST_F(PluginOps, ResetClearsEveryChannelsHistory) {

@@ -154,16 +154,18 @@ UTIL_EXP32 UTILdBToScaleExp32(int32_t dB) {
     constexpr int32_t kSlopeUp = 0x7B24812A;    // Q31: 0.1203 per dB
     constexpr int32_t kOne = 0x40000000;        // 1.0 in Q30
 
-    // The level rounded to whole decibels. It is kept at full width: cutting it
-    // to 16 bits would wrap levels beyond +-32767 dB back into the table.
-    const int64_t r = (int64_t{dB} + 16384) >> 15;
+    // The level rounded to whole decibels, as a signed 16-bit number: levels
+    // beyond +-32767 dB wrap before the clamps below (the sum is formed in 64
+    // bits, which wraps to the same 16 bits as 32-bit arithmetic would).
+    const int64_t r = static_cast<int16_t>(static_cast<uint16_t>((int64_t{dB} + 16384) >> 15));
     if (r > kDbScaleTopLevel) return pack_exp32(kOne, 15);
     if (dB == 0) return pack_exp32(kOne, 0);
     if (r < -kDbScaleTopLevel) return pack_exp32(kOne, -15);
 
     // Linear correction within +-0.5 dB; the product is exact and the shift
     // rounds towards -inf.
-    const int64_t f = int64_t{dB} - r * 32768;  // -16384 .. 16383, Q15 dB
+    // -16384 .. 16383 (Q15 dB) unless r wrapped; the product below stays within 64 bits either way.
+    const int64_t f = int64_t{dB} - r * 32768;
     const int64_t slope = f <= 0 ? kSlopeDown : kSlopeUp;
     const int64_t k = sat32(kOne + ((f * slope) >> 19));  // Q30
 
