@@ -3,7 +3,8 @@
 # library, the module and rsmpl-convert); each option adds a group:
 #   --test     the test suite: GoogleTest, Google Benchmark (its smoke tests),
 #              aplay, clang's libFuzzer, valgrind, and the AArch64 cross
-#              toolchain with qemu-user and the arm64 libraries
+#              toolchain with qemu-user and the arm64 libraries, pybind11,
+#              numpy and pytest for the Python module
 #   --bench    Google Benchmark and the peers' plug-ins
 #   --quality  numpy and matplotlib for the quality report
 # Idempotent: asks apt only for what is missing. Works as root or through sudo.
@@ -17,7 +18,8 @@ for arg in "$@"; do
       pkgs+=(binutils libgtest-dev libgmock-dev libbenchmark-dev alsa-utils
              clang libclang-rt-14-dev valgrind
              g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libasound2-dev:arm64 libsndfile1-dev:arm64
-             libgtest-dev:arm64 libgmock-dev:arm64)
+             libgtest-dev:arm64 libgmock-dev:arm64
+             python3-dev python3-pybind11 pybind11-dev python3-numpy python3-pytest)
       cross=1 ;;
     --bench) pkgs+=(libbenchmark-dev) ;;
     --quality) pkgs+=(python3-numpy python3-matplotlib) ;;

@@ -10,7 +10,7 @@ bash scripts/setup.sh --test
 jobs=$(nproc)
 
 # Each build is a preset of CMakePresets.json.
-cmake --preset default
+cmake --preset default -DRSMPL_PYTHON=ON
 cmake --build --preset default -j "$jobs"
 ctest --preset default -j "$jobs"
 
