@@ -9,7 +9,7 @@ import pytest
 from cpath import CModule
 
 # Converters under test. Add a name here and every conversion test covers it.
-CONVERTERS = ["rsmplrate"]
+CONVERTERS = ["rsmplrate_best", "rsmplrate"]
 
 
 def module_path():
