@@ -139,14 +139,16 @@ snd_pcm_uframes_t pick_out_period(Reader &r, snd_pcm_uframes_t in_period) {
     }
 }
 
-void adjust_pitch(Instance &in, Reader &r) {
+// `specified`: the converter whose period-0 answers are fixed (rsmplrate);
+// rsmplrate_best refuses any period it has no path for.
+void adjust_pitch(Instance &in, Reader &r, bool specified) {
     snd_pcm_rate_info_t &info = in.info;
     info.in.period_size = (r.u8() & 3) == 0 ? r.range(0, 40) : pick_period(r);  // tiny periods too
     info.out.period_size = pick_out_period(r, info.in.period_size);
     const int err = in.host.ops.adjust_pitch(in.obj, &info);
     FUZZ_CHECK(err == 0 || err == -EIO);
     // No input period: pitch 0 meets it at once. No output period for a real input period: refused.
-    if (info.in.period_size == 0) FUZZ_CHECK(err == 0);
+    if (specified && info.in.period_size == 0) FUZZ_CHECK(err == 0);
     if (info.in.period_size != 0 && info.out.period_size == 0) FUZZ_CHECK(err == -EIO);
     // Success means the output period maps back to exactly the input period.
     if (err == 0) FUZZ_CHECK(in.host.ops.input_frames(in.obj, info.out.period_size) == info.in.period_size);
@@ -264,7 +266,7 @@ void best_run(const uint8_t *data, size_t size) {
     for (int op = 0; op < 40 && !r.empty(); ++op) {
         switch (r.u8() % 10) {
             case 0: best_init(in, r); break;
-            case 1: adjust_pitch(in, r); break;
+            case 1: adjust_pitch(in, r, false); break;
             case 2: in.host.ops.reset(in.obj); break;
             case 3:
                 in.host.ops.free(in.obj);
@@ -289,7 +291,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (int op = 0; op < 40 && !r.empty(); ++op) {
         switch (r.u8() % 10) {
             case 0: init(in, r); break;
-            case 1: adjust_pitch(in, r); break;
+            case 1: adjust_pitch(in, r, true); break;
             case 2: in.host.ops.reset(in.obj); break;
             case 3:
                 in.host.ops.free(in.obj);
