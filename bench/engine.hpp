@@ -3,6 +3,6 @@
 // can force. The module loaded for the plug-in benchmarks chooses alike.
 #pragma once
 
-#include "rsmpl/engine.hpp"
+#include "rsmpl/engine/engine.hpp"
 
 inline const char *BenchEngineName() { return rsmpl::engine_name(); }

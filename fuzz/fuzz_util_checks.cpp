@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "fuzz_support.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

@@ -26,8 +26,8 @@
 #include <emmintrin.h>
 #endif
 
-#include "rsmpl/engine.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/engine/engine.hpp"
+#include <rsmpl/rsmpl.h>
 
 #define RSMPL_MAX_CHANNELS 4
 #define RSMPL_SAMPLE_BUF_SAMPLES 1440

@@ -42,7 +42,7 @@
 #include <emmintrin.h>
 #endif
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 #define BEST_MAX_CHANNELS 8
 #define BEST_OPS_VERSION 0x010002

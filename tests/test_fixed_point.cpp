@@ -16,7 +16,7 @@
 
 #include "tools/db_table_gen.hpp"
 #include "util/db_table.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <iterator>
 #include <string>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
-#include "rsmpl/upsample.hpp"
-#include "rsmpl/upsample_tables.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
+#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/fir/upsample_tables.hpp"
 #include "support.hpp"
 #include "up_model.hpp"
 

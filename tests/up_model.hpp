@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
-#include "rsmpl/upsample.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
+#include "rsmpl/fir/upsample.hpp"
 #include "support.hpp"
 
 namespace rsmpl_test::up_model {

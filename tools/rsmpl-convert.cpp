@@ -34,7 +34,7 @@
 #include <thread>
 #include <vector>
 
-#include "rsmpl/engine.hpp"
+#include "rsmpl/engine/engine.hpp"
 
 #ifndef RSMPL_VERSION
 #define RSMPL_VERSION "unknown"

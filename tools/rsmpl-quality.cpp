@@ -39,7 +39,7 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 #include "tools/quality_analysis.hpp"
 
 #ifndef RSMPL_MODULE_PATH

@@ -10,7 +10,7 @@
 
 #include "util/db_table.hpp"
 #include "util/fixed.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace rsmpl {
 

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "rsmpl/fir_layout.hpp"
+#include "rsmpl/fir/fir_layout.hpp"
 
 // One copy of a function, not a specialised clone per call site (GCC's
 // noclone; clang does not clone there).
@@ -76,7 +76,7 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
 // Groups per chunk of a row kernel: bounds its stream copies on the stack.
 constexpr int kRowChunkGroups = 64;
 
-// The driver of a row kernel (rsmpl/fir_rows.hpp): K is K::chunk<Mark>(x,
+// The driver of a row kernel (fir_rows.hpp): K is K::chunk<Mark>(x,
 // blocks, out), eight groups a block, reading x[0 .. K::reach(blocks) - 1]
 // before it writes any output of the chunk. Chunks go in ascending order, so
 // in place (outputs below the samples later groups still need, as the stage

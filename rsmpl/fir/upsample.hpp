@@ -19,7 +19,7 @@ struct Engine {
     Kernel fir2to3, fir1to2, fir1to3, fir1to4, fir1to6;
 };
 
-// Every engine this machine can run (rsmpl/engine.hpp), the scalar reference
+// Every engine this machine can run (rsmpl/engine/engine.hpp), the scalar reference
 // first. The scalar engine is the definition of the arithmetic; a vector
 // engine lives in its own source file and must match it bit for bit. The
 // tests run every engine listed here.

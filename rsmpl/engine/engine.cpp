@@ -1,25 +1,44 @@
 // Chooses the kernel set once per process: the best this machine runs, or
 // the one RSMPL_ENGINE names when it can run it.
-#include "rsmpl/engine.hpp"
+#include "rsmpl/engine/engine.hpp"
 
 #include <pthread.h>
 
 #include <cstdlib>
 #include <cstring>
 
-#include "rsmpl/sinc_kernel.hpp"
+#include "rsmpl/engine/isa_kernels.hpp"
+#include "rsmpl/sinc/sinc_kernel.hpp"
 
 namespace rsmpl {
 
+namespace {
+
+constexpr up::Engine kScalarUp{"scalar",         up::fir2to3_scalar, up::fir1to2_scalar,
+                               up::fir1to3_scalar, up::fir1to4_scalar, up::fir1to6_scalar};
+constexpr down::Kernels kScalarDown{down::fir2to1_scalar, down::fir3to1_scalar, down::fir4to1_scalar,
+                                    down::fir6to1_scalar, down::fir3to2_scalar};
+
+}  // namespace
+
+// Each set: every component's kernels for one instruction set. A new set is
+// one file per component and a row here.
 const KernelSet kScalarKernels{
-    EngineId::scalar,
-    "scalar",
-    {"scalar", up::fir2to3_scalar, up::fir1to2_scalar, up::fir1to3_scalar, up::fir1to4_scalar, up::fir1to6_scalar},
-    {down::fir2to1_scalar, down::fir3to1_scalar, down::fir4to1_scalar, down::fir6to1_scalar, down::fir3to2_scalar},
-    sinc_accumulate_scalar,
-    linear_expand_scalar,
-    linear_shrink_scalar,
+    EngineId::scalar, "scalar", kScalarUp, kScalarDown, sinc_accumulate_scalar, linear_expand_scalar, linear_shrink_scalar,
 };
+#if defined(__x86_64__)
+const KernelSet kSse41Kernels{
+    EngineId::sse41, "sse41", up::kEngineSse41, down::kKernelsSse41, sinc_sum_sse41, linear_expand_sse41, linear_shrink_sse41,
+};
+const KernelSet kAvx2Kernels{
+    EngineId::avx2, "avx2", up::kEngineAvx2, down::kKernelsAvx2, sinc_sum_avx2, linear_expand_avx2, linear_shrink_avx2,
+};
+#endif
+#if defined(__aarch64__)
+const KernelSet kNeonKernels{
+    EngineId::neon, "neon", up::kEngineNeon, down::kKernelsNeon, sinc_sum_neon, linear_expand_neon, linear_shrink_neon,
+};
+#endif
 
 namespace {
 

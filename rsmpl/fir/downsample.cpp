@@ -5,13 +5,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/downsample_kernels.hpp"
-#include "rsmpl/downsample_tables.hpp"
-#include "rsmpl/engine.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/interface/context.hpp"
+#include "rsmpl/fir/downsample_kernels.hpp"
+#include "rsmpl/fir/downsample_tables.hpp"
+#include "rsmpl/engine/engine.hpp"
+#include <rsmpl/rsmpl.h>
 #include "util/fixed.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace rsmpl::down {
 namespace {

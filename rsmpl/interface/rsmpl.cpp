@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
-#include "util/rsmpl_util.h"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

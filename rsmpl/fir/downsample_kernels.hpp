@@ -1,6 +1,6 @@
 // Scalar reference kernels of the decimation stages. The exported
 // DownsampleFIR* functions and the stage wrappers take their kernels from the
-// engine in use (rsmpl/engine.hpp); every vector kernel is tested against
+// engine in use (rsmpl/engine/engine.hpp); every vector kernel is tested against
 // these.
 #pragma once
 

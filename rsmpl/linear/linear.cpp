@@ -1,6 +1,6 @@
 // Scalar inner loops of the plug-in's linear converter: channel after
 // channel, one 32-bit division per output sample.
-#include "rsmpl/linear_kernels.hpp"
+#include "rsmpl/linear/linear_kernels.hpp"
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
 // Inner loops of the plug-in's linear converter (src/rate_rsmpl.cpp), one
-// set per engine (rsmpl/engine.hpp). The scalar pair in rsmpl/linear.cpp is
+// set per engine (rsmpl/engine/engine.hpp). The scalar pair in linear.cpp is
 // the definition; a vector pair must match it bit for bit.
 //
 // Frames are interleaved, `channels` (1..4) samples each. The position and

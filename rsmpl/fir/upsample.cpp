@@ -1,18 +1,18 @@
 // Up-stages: polyphase FIR interpolation of one mono Q15 channel by 3:2, 2, 3,
 // 4 and 6. Each stage is a stateless kernel plus a wrapper that keeps the
 // filter history in the context and makes in-place operation safe.
-#include "rsmpl/upsample.hpp"
+#include "rsmpl/fir/upsample.hpp"
 
 #include <pthread.h>
 
 #include <cstring>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/engine.hpp"
-#include "rsmpl/rsmpl.h"
-#include "rsmpl/upsample_tables.hpp"
+#include "rsmpl/interface/context.hpp"
+#include "rsmpl/engine/engine.hpp"
+#include <rsmpl/rsmpl.h>
+#include "rsmpl/fir/upsample_tables.hpp"
 #include "util/fixed.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace rsmpl::up {
 namespace {

@@ -18,9 +18,9 @@
 #include <cstdint>
 #include <span>
 
-#include "rsmpl/downsample_kernels.hpp"
-#include "rsmpl/linear_kernels.hpp"
-#include "rsmpl/upsample.hpp"
+#include "rsmpl/fir/downsample_kernels.hpp"
+#include "rsmpl/linear/linear_kernels.hpp"
+#include "rsmpl/fir/upsample.hpp"
 
 namespace rsmpl {
 
@@ -33,8 +33,8 @@ using SincSum = uint32_t (*)(const int16_t *x, int32_t c, int32_t kLeftFirst, in
 struct KernelSet {
     EngineId id;
     const char *name;
-    up::Engine up;
-    down::Kernels down;
+    const up::Engine &up;
+    const down::Kernels &down;
     SincSum sinc;
     LinearExpand linear_expand;
     LinearShrink linear_shrink;
@@ -59,7 +59,8 @@ bool parse_engine(const char *name, EngineId *id);
 // without consulting the environment; kernels() applies it once.
 const KernelSet &choose_kernels(const char *requested);
 
-// The sets defined by the vector sources; each exists only in a build for
+// The sets engine.cpp assembles from the components' kernels
+// (rsmpl/engine/isa_kernels.hpp); each vector set exists only in a build for
 // its architecture.
 extern const KernelSet kScalarKernels;
 extern const KernelSet kSse41Kernels;

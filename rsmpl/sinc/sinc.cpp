@@ -27,16 +27,16 @@
 //     than one step cannot make positions wrap.
 #include <cstring>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/engine.hpp"
-#include "rsmpl/rsmpl.h"
-#include "rsmpl/sinc_kernel.hpp"
+#include "rsmpl/interface/context.hpp"
+#include "rsmpl/engine/engine.hpp"
+#include <rsmpl/rsmpl.h>
+#include "rsmpl/sinc/sinc_kernel.hpp"
 #include "util/fixed.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace rsmpl {
 
-#include "rsmpl/sinc_tables.inc"
+#include "rsmpl/sinc/sinc_tables.inc"
 
 uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast,
                                 int32_t kRightLast, uint32_t t0, uint32_t tableStep, int shift) {

@@ -17,7 +17,7 @@
 
 #include <cstdint>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 namespace rsmpl::fir {
 

@@ -1,7 +1,7 @@
 // How the x86 FIR kernels see the ten coefficient tables: one shape for all
 // of them, in tap pairs for pmaddwd, built at compile time from the stored
 // tables, and read by those kernels and by the lane-bound tests alike. (The
-// AArch64 kernels multiply single taps and read rsmpl/fir_rows.hpp.)
+// AArch64 kernels multiply single taps and read fir_rows.hpp.)
 //
 // A kernel's outputs come in groups t = 0, 1, ...; group t yields P outputs,
 // out[P*t + p], each the dot product of a padded row c[p] with the samples
@@ -33,8 +33,8 @@
 
 #include <cstdint>
 
-#include "rsmpl/downsample_tables.hpp"
-#include "rsmpl/upsample_tables.hpp"
+#include "rsmpl/fir/downsample_tables.hpp"
+#include "rsmpl/fir/upsample_tables.hpp"
 
 namespace rsmpl::fir {
 

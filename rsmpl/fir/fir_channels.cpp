@@ -1,11 +1,11 @@
 // One FIR stage over every channel of an interleaved period.
-#include "rsmpl/fir_channels.hpp"
+#include "rsmpl/fir/fir_channels.hpp"
 
 #include <algorithm>
 #include <cstring>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/engine.hpp"
+#include "rsmpl/interface/context.hpp"
+#include "rsmpl/engine/engine.hpp"
 
 namespace rsmpl::fir {
 namespace {

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "rsmpl/linear_kernels.hpp"
+#include "rsmpl/linear/linear_kernels.hpp"
 
 namespace rsmpl {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 struct RSMPL_Ctx {
     int16_t samples[RSMPL_HISTORY_SAMPLES];  // stage history or sinc delay line, from sample 0

@@ -29,8 +29,8 @@
 #include <array>
 #include <cstdint>
 
-#include "rsmpl/downsample_tables.hpp"
-#include "rsmpl/upsample_tables.hpp"
+#include "rsmpl/fir/downsample_tables.hpp"
+#include "rsmpl/fir/upsample_tables.hpp"
 
 namespace rsmpl::fir {
 

@@ -1,8 +1,8 @@
 // The x86-64 FIR kernels, written once for 128-bit (SSE4.1) and 256-bit
-// (AVX2) vectors: rsmpl/kernels_sse41.cpp and rsmpl/kernels_avx2.cpp include
-// this file, each compiled for its instruction set. Internal linkage only.
+// (AVX2) vectors: fir_sse41.cpp and fir_avx2.cpp include this file, each
+// compiled for its instruction set. Internal linkage only.
 //
-// Lanes are groups (rsmpl/fir_layout.hpp): a 32-bit lane holds one group's
+// Lanes are groups (fir_layout.hpp): a 32-bit lane holds one group's
 // partial sum, so there is no horizontal addition. For pair m, the sample
 // pairs of W consecutive groups are one unaligned load (R = 1) or one load
 // from a de-interleaved copy (R = 2, 3: every R-th pair), multiplied by the
@@ -26,8 +26,10 @@
 
 #include <immintrin.h>
 
-#include "rsmpl/fir_driver.hpp"
-#include "rsmpl/mca.hpp"
+#include "rsmpl/fir/downsample_kernels.hpp"
+#include "rsmpl/fir/fir_driver.hpp"
+#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/engine/mca.hpp"
 
 namespace rsmpl::fir {
 namespace {
@@ -246,7 +248,7 @@ struct Words {
 template <const auto &L>
 inline constexpr Words<L> kWords{};
 
-// Cost-estimate marks (rsmpl/mca.hpp) around one block of each kernel.
+// Cost-estimate marks (rsmpl/engine/mca.hpp) around one block of each kernel.
 template <class Layout>
 constexpr int real_taps(const Layout &l) {
     int n = 0;
@@ -431,6 +433,14 @@ struct X86 {
         }
     }
 };
+
+// An x86 engine's stage kernels, one per stage layout of fir_layout.hpp.
+constexpr up::Engine up_engine(const char *name) {
+    return {name, run<X86, kUp2To3>, run<X86, kUp1To2>, run<X86, kUp1To3>, run<X86, kUp1To4>, run<X86, kUp1To6>};
+}
+constexpr down::Kernels down_kernels() {
+    return {run<X86, kDown2To1>, run<X86, kDown3To1>, run<X86, kDown4To1>, run<X86, kDown6To1>, run<X86, kDown3To2>};
+}
 
 }  // namespace
 }  // namespace rsmpl::fir

@@ -40,7 +40,7 @@ inline uint32_t sinc_advance(uint32_t step, uint32_t n) {
 // k = 1..kRightLast at k*T - t0. Samples are pre-shifted right by `shift` and
 // each Q31 x Q15 product is taken to Q30 (>> 16, floor). The sum is 32-bit
 // with wrap-around, returned as its bit pattern. A vector kernel replaces
-// exactly this function (rsmpl/engine.hpp).
+// exactly this function (rsmpl/engine/engine.hpp).
 uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast,
                                 int32_t kRightLast, uint32_t t0, uint32_t tableStep, int shift);
 

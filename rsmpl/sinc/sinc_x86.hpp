@@ -1,31 +1,15 @@
-// The x86-64 kernel set, compiled once per instruction set: the including
-// file defines RSMPL_X86_SET (the KernelSet's name), RSMPL_X86_ID and
-// RSMPL_X86_NAME and is itself compiled with that set's flags. Only the
-// sets' tables leave the file; everything else has internal linkage.
+// The sinc interpolator's x86-64 sum, written once for 128-bit (SSE4.1) and
+// 256-bit (AVX2) vectors with the FIR kernels' lane helpers: sinc_sse41.cpp
+// and sinc_avx2.cpp include this file, each compiled for its instruction
+// set. Internal linkage only.
+#pragma once
 
-#include "rsmpl/engine.hpp"
-#include "rsmpl/fir_x86.hpp"
-#include "rsmpl/linear_frames.hpp"
-#include "rsmpl/sinc_kernel.hpp"
+#include "rsmpl/fir/fir_x86.hpp"
+#include "rsmpl/sinc/sinc_kernel.hpp"
 
 namespace rsmpl {
 namespace {
 
-using fir::X86;
-
-void up2to3(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kUp2To3>(x, out, count); }
-void up1to2(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kUp1To2>(x, out, count); }
-void up1to3(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kUp1To3>(x, out, count); }
-void up1to4(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kUp1To4>(x, out, count); }
-void up1to6(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kUp1To6>(x, out, count); }
-void down2to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kDown2To1>(x, out, count); }
-void down3to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kDown3To1>(x, out, count); }
-void down4to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kDown4To1>(x, out, count); }
-void down6to1(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kDown6To1>(x, out, count); }
-void down3to2(const int16_t *x, int16_t *out, int32_t count) { fir::run<X86, fir::kDown3To2>(x, out, count); }
-
-// ---- Sinc interpolator: one output's sum ------------------------------------
-//
 // Lanes are taps. Per lane, as the scalar form: the table position t (32-bit,
 // wrapping), the coefficient wing[j] + ((delta[j] * g') >> 16) from a 64-bit
 // product, zero for j >= 1792, and the tap (c * (x >> s)) >> 16, also from a
@@ -148,48 +132,5 @@ uint32_t sinc_sum(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeft
     return lane_sum(acc);
 }
 
-// ---- Linear converter: the channels of a frame in 32-bit lanes --------------
-
-template <int C>
-struct FrameOps {
-    static __m128i load(const int16_t *p) {
-        int64_t t = 0;
-        std::memcpy(&t, p, C * sizeof(int16_t));
-        return _mm_cvtepi16_epi32(_mm_cvtsi64_si128(t));
-    }
-    static __m128i zero() { return _mm_setzero_si128(); }
-    static __m128i lerp(__m128i a, uint32_t wa, __m128i b, uint32_t wb) {
-        return _mm_add_epi32(_mm_mullo_epi32(a, _mm_set1_epi32(static_cast<int32_t>(wa))),
-                             _mm_mullo_epi32(b, _mm_set1_epi32(static_cast<int32_t>(wb))));
-    }
-    // Bits 16..31 of each lane: the arithmetic shift leaves them in int16 range.
-    static void store(int16_t *p, __m128i sum) { store_samples(p, _mm_srai_epi32(sum, 16)); }
-    static void store_samples(int16_t *p, __m128i v) {
-        const int64_t t = _mm_cvtsi128_si64(_mm_packs_epi32(v, v));
-        std::memcpy(p, &t, C * sizeof(int16_t));
-    }
-};
-
-void linear_expand(const int16_t *src, uint32_t src_frames, int16_t *dst, uint32_t dst_frames, uint32_t channels,
-                   uint32_t pitch, uint32_t shift, int16_t *last) {
-    linear_expand_frames<FrameOps>(src, src_frames, dst, dst_frames, channels, pitch, shift, last);
-}
-bool linear_shrink(const int16_t *src, uint32_t src_frames, int16_t *dst, uint32_t dst_frames, uint32_t channels,
-                   uint32_t pitch) {
-    return linear_shrink_frames<FrameOps>(src, src_frames, dst, dst_frames, channels, pitch);
-}
-
 }  // namespace
-
-extern const KernelSet RSMPL_X86_SET;
-const KernelSet RSMPL_X86_SET{
-    RSMPL_X86_ID,
-    RSMPL_X86_NAME,
-    {RSMPL_X86_NAME, up2to3, up1to2, up1to3, up1to4, up1to6},
-    {down2to1, down3to1, down4to1, down6to1, down3to2},
-    sinc_sum,
-    linear_expand,
-    linear_shrink,
-};
-
 }  // namespace rsmpl

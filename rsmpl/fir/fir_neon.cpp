@@ -1,6 +1,6 @@
-// The AArch64 Advanced SIMD FIR kernels, built from the stage rows of
-// rsmpl/fir_rows.hpp. Included by rsmpl/kernels_neon.cpp only; internal
-// linkage.
+// The AArch64 Advanced SIMD FIR stages, built from the stage rows of
+// fir_rows.hpp. NEON is part of every AArch64 processor, so an AArch64 build
+// always has them and needs no extra flags.
 //
 // Lanes are groups, eight per block. A chunk of groups first splits the input
 // into its D streams (ld2/ld3/ld4 once per sample, no overlapping loads); a
@@ -22,13 +22,12 @@
 //               halves go towards +inf, like the scalar kernels
 //   saturate    the same sqrshrn (or sqxtn after the 64-bit path) clamps to
 //               -32768..32767
-#pragma once
-
 #include <arm_neon.h>
 
-#include "rsmpl/fir_driver.hpp"
-#include "rsmpl/fir_rows.hpp"
-#include "rsmpl/mca.hpp"
+#include "rsmpl/engine/isa_kernels.hpp"
+#include "rsmpl/fir/fir_driver.hpp"
+#include "rsmpl/fir/fir_rows.hpp"
+#include "rsmpl/engine/mca.hpp"
 
 namespace rsmpl::fir {
 namespace {
@@ -297,3 +296,36 @@ struct Rows {
 
 }  // namespace
 }  // namespace rsmpl::fir
+
+namespace rsmpl {
+namespace {
+
+// One FIR kernel per stage row: its name for the cost estimate's marks, with
+// the outputs of one block and the multiplies each output really needs.
+#define RSMPL_NEON_FIR(fn, rows, mark)                                                                    \
+    struct fn##_mark {                                                                                    \
+        static constexpr int kOuts = 8 * fir::rows.P * fir::Rows<fir::rows>::kPass, kMacs = fir::rows.taps_total() / fir::rows.P;      \
+        [[gnu::always_inline]] static void begin() { RSMPL_MCA_BEGIN(mark, kOuts, kMacs); }               \
+        [[gnu::always_inline]] static void end() { RSMPL_MCA_END(mark, kOuts, kMacs); }                   \
+    };                                                                                                    \
+    void fn(const int16_t *x, int16_t *out, int32_t count) {                                              \
+        fir::run_rows<fir::Rows<fir::rows>, fn##_mark>(x, out, count);                                    \
+    }
+RSMPL_NEON_FIR(up2to3, kRowsUp2To3, "up2to3")
+RSMPL_NEON_FIR(up1to2, kRowsUp1To2, "up1to2")
+RSMPL_NEON_FIR(up1to3, kRowsUp1To3, "up1to3")
+RSMPL_NEON_FIR(up1to4, kRowsUp1To4, "up1to4")
+RSMPL_NEON_FIR(up1to6, kRowsUp1To6, "up1to6")
+RSMPL_NEON_FIR(down2to1, kRowsDown2To1, "down2to1")
+RSMPL_NEON_FIR(down3to1, kRowsDown3To1, "down3to1")
+RSMPL_NEON_FIR(down4to1, kRowsDown4To1, "down4to1")
+RSMPL_NEON_FIR(down6to1, kRowsDown6To1, "down6to1")
+RSMPL_NEON_FIR(down3to2, kRowsDown3To2, "down3to2")
+#undef RSMPL_NEON_FIR
+
+}  // namespace
+
+constinit const up::Engine up::kEngineNeon{"neon", up2to3, up1to2, up1to3, up1to4, up1to6};
+constinit const down::Kernels down::kKernelsNeon{down2to1, down3to1, down4to1, down6to1, down3to2};
+
+}  // namespace rsmpl
