@@ -143,3 +143,6 @@ cat "$tmp/kernels.md"
 [ -f docs/performance-targets.md ] && cat docs/performance-targets.md
 } >"$out"
 echo "bench: wrote $out" >&2
+
+# The AArch64 figures: a static estimate, written to docs/performance-arm.md.
+bash scripts/arm-cost.sh >/dev/null

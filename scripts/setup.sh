@@ -10,6 +10,8 @@ pkgs=(
   alsa-utils sox
   libasound2-plugins python3-numpy python3-matplotlib
   clang libclang-rt-14-dev valgrind  # fuzzing (libFuzzer) and leak checks
+  llvm-19           # llvm-mca for the AArch64 cost estimate (scripts/arm-cost.sh)
+  libspeexdsp-dev   # speexdsp's resampler, a comparison in bench/
 )
 
 # AArch64 cross build and its emulator (scripts/test.sh): Debian's cross
