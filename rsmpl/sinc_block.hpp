@@ -2,18 +2,19 @@
 // engines; each instruction set supplies the three sums (see sinc_x86.hpp,
 // sinc_neon.hpp). Equal to sinc_run_scalar bit for bit:
 //
-//   - the samples are shifted once per block into 32-bit lanes with zero
-//     padding on both sides, so taps on samples the block has not received
+//   - the samples are shifted once per block into 32-bit lanes (times
+//     Isa::kSampleScale) with zero padding on both sides, so taps on samples the block has not received
 //     read zero instead of being cut off one by one;
 //   - at 128 entries per tap (ratios 1 and above) each wing's coefficients
 //     are one row of sinc_rows() at one fraction: Isa::rows;
+//   - outputs go in chunks: their sums first, then Isa::finish on all;
 //   - below, the coefficients of an output are built into a buffer
 //     (Isa::coefs) and kept while the fraction repeats, as it does at every
 //     whole step (1/2, 1/3, ...); Isa::dot then sums against the samples.
 //
 // Per tap, as the scalar form: coefficient wing[j] + ((delta[j] * g') >> 16)
-// and tap (coef * (x >> s)) >> 16, each from a 64-bit product of which bits
-// 16..47 are kept; taps summed modulo 2^32 in any order.
+// and tap (coef * (x >> s)) >> 16, each the floor of an exact product; taps
+// summed modulo 2^32 in any order.
 #pragma once
 
 #include <algorithm>
@@ -33,50 +34,85 @@ constexpr int32_t kSamples = kPad + RSMPL_HISTORY_SAMPLES + 2 * kMaxHalf + 16 + 
 constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16;
 constexpr uint32_t kUnityTableStep = 0x800000u;
 
+constexpr uint32_t kChunk = 64;  // outputs per pass of the driver
+
+inline uint32_t fraction(uint32_t t) {
+    const uint32_t g = t & 0xFFFFu;
+    return g + (g >> 15);  // 0xFFFF counts as a whole entry
+}
+
+// Where each output of a chunk reads at 128 entries per tap: its centre
+// sample, the row offsets of both wings and their fractions g' (times
+// 2^Isa::kFractionShift). Worked out for the whole chunk first, so the
+// sums never wait on this chain of scalar arithmetic.
+struct UnityOutputs {
+    alignas(64) int32_t at[kChunk];
+    alignas(64) int32_t left[kChunk];
+    alignas(64) int32_t right[kChunk];
+    alignas(64) int32_t gl[kChunk];
+    alignas(64) int32_t gr[kChunk];
+};
+
+// The plain form of Isa::where: entries from .. n-1 of a chunk of a run at
+// 128 entries per tap (output base + j at j), centres capped at `far`.
+template <int kFractionShift>
+void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int32_t far, UnityOutputs &o) {
+    for (uint32_t j = from; j < n; ++j) {
+        const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
+        o.at[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far);
+        const uint32_t f = p & 0xFFFFu;
+        const uint32_t t0 = (f + (f >> 15)) << 7;  // (f' * 128 entries) >> 16, exactly
+        const uint32_t u = kUnityTableStep - t0;
+        o.left[j] = static_cast<int32_t>(t0 >> 16) * 16;
+        o.right[j] = static_cast<int32_t>(u >> 16) * 16;
+        o.gl[j] = static_cast<int32_t>(fraction(t0) << kFractionShift);
+        o.gr[j] = static_cast<int32_t>(fraction(u) << kFractionShift);
+    }
+}
+
 template <class Isa>
 void run(const SincRun &r, int16_t *out) {
-    if (r.h < 0 || r.h > kMaxHalf || r.valid < 0 || r.valid > RSMPL_HISTORY_SAMPLES) {
+    if (r.h < 0 || r.h > kMaxHalf || r.valid < 0 || r.valid > RSMPL_HISTORY_SAMPLES || r.count > 0xFFFFu ||
+        r.gain > 0x7FFFFFFFu || r.shift < 0 || r.shift > 8) {
         sinc_run_scalar(r, out);
         return;
     }
     alignas(64) int32_t xs[kSamples];
     const int32_t filled = kPad + r.valid + 2 * r.h + 16 + kPad;
     for (int32_t i = 0; i < kPad; ++i) xs[i] = 0;
-    for (int32_t i = 0; i < r.valid; ++i) xs[kPad + i] = r.x[i] >> r.shift;
+    for (int32_t i = 0; i < r.valid; ++i) xs[kPad + i] = (r.x[i] >> r.shift) * Isa::kSampleScale;
     for (int32_t i = kPad + r.valid; i < filled; ++i) xs[i] = 0;
     const int32_t *x0 = xs + kPad;
-    const int64_t last = r.valid - 1;
-
     // A centre more than h past the last sample has only zero taps: it is
     // moved to where the whole window reads padding, so no output branches.
-    const int64_t far = last + r.h + 16;
-    if (r.tableStep == kUnityTableStep) {
-        const SincRows &rows = sinc_rows();
-        for (uint32_t i = 0; i < r.count; ++i) {
-            RSMPL_MCA_BEGIN("sinc_up", 1, 0);
-            const uint32_t p = r.p0 + sinc_advance(r.step, i);
-            const int64_t centre = std::min(int64_t{p >> 16} + r.h, far);
-            const uint32_t f = p & 0xFFFFu;
-            const uint32_t acc = Isa::rows(x0 + centre, rows, (f + (f >> 15)) << 7);  // (f' * 128 entries) >> 16
-            out[i] = sinc_finish(acc, r.gain, r.shift);
-            RSMPL_MCA_END("sinc_up", 1, 0);
-        }
-        return;
-    }
-
+    const int32_t far = r.valid - 1 + r.h + 16;
+    const bool unity = r.tableStep == kUnityTableStep;
+    const SincRows *rows = unity ? &sinc_rows() : nullptr;
     alignas(64) int32_t coef[kCoefs];
     const int32_t taps = 2 * r.h + 1;
     uint32_t made = ~0u;  // no t0 reaches it: t0 <= tableStep
-    for (uint32_t i = 0; i < r.count; ++i) {
-        const uint32_t p = r.p0 + sinc_advance(r.step, i);
-        const int64_t centre = std::min(int64_t{p >> 16} + r.h, far);
-        const uint32_t f = p & 0xFFFFu;
-        const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
-        if (t0 != made) {
-            Isa::coefs(coef, taps, t0 + static_cast<uint32_t>(r.h) * r.tableStep, r.tableStep, r.h);
-            made = t0;
+    alignas(64) uint32_t acc[kChunk];
+
+    for (uint32_t base = 0; base < r.count; base += kChunk) {
+        const uint32_t n = std::min(kChunk, r.count - base);
+        if (unity) {
+            UnityOutputs o;
+            Isa::where(r, base, n, far, o);
+            Isa::rows(x0, *rows, o, n, acc);
+        } else {
+            for (uint32_t j = 0; j < n; ++j) {
+                const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
+                const int32_t centre = std::min(static_cast<int32_t>(p >> 16) + r.h, far);
+                const uint32_t f = p & 0xFFFFu;
+                const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+                if (t0 != made) {
+                    Isa::coefs(coef, taps, t0 + static_cast<uint32_t>(r.h) * r.tableStep, r.tableStep, r.h);
+                    made = t0;
+                }
+                acc[j] = Isa::dot(x0 + centre - r.h, coef, taps);
+            }
         }
-        out[i] = sinc_finish(Isa::dot(x0 + centre - r.h, coef, taps), r.gain, r.shift);
+        Isa::finish(acc, n, r.gain, r.shift, out + base);
     }
 }
 

@@ -10,8 +10,15 @@
 namespace rsmpl::sinc {
 namespace {
 
+// sqdmulh keeps bits 31..62 of twice a product: with one factor scaled by
+// 2^15 that is the floor of the product >> 16, and it saturates only for
+// two factors of -2^31, which never meet here (|x << 15| <= 2^30, g' << 15
+// < 2^31). So a coefficient is wing + sqdmulh(delta, g' << 15) and a tap
+// sqdmulh(coef, x << 15): one instruction each for four lanes.
 struct Neon {
     static constexpr int kLanes = 4;
+    static constexpr int32_t kSampleScale = 1 << 15;
+    static constexpr int kFractionShift = 15;
 
     // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
     [[gnu::always_inline]] static int32x4_t mul_shift16(int32x4_t a, int32x4_t b) {
@@ -19,28 +26,78 @@ struct Neon {
                             vshrn_n_s64(vmull_high_s32(a, b), 16));
     }
 
-    static uint32_t fraction(uint32_t t) {
-        const uint32_t g = t & 0xFFFFu;
-        return g + (g >> 15);  // 0xFFFF counts as a whole entry
+    // where_plain four outputs at a time, the advance kept as running sums
+    // (n stays below 65536, so sinc_advance never wraps its count).
+    static void where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, UnityOutputs &o) {
+        const uint32_t whole = (r.step >> 16) << 8, part = r.step & 0xFFFFu;
+        const uint32x4_t lane = vcombine_u32(vcreate_u32(0x0000000100000000ull), vcreate_u32(0x0000000300000002ull));
+        const uint32x4_t m = vaddq_u32(vdupq_n_u32(base), lane);
+        uint32x4_t a = vmulq_n_u32(m, whole);
+        uint32x4_t b = vaddq_u32(vmulq_n_u32(m, part), vdupq_n_u32(128));
+        const uint32x4_t a4 = vdupq_n_u32(whole * 4), b4 = vdupq_n_u32(part * 4);
+        const uint32x4_t p0 = vdupq_n_u32(r.p0), unity = vdupq_n_u32(kUnityTableStep);
+        const int32x4_t h = vdupq_n_s32(r.h), farv = vdupq_n_s32(far);
+        uint32_t j = 0;
+        for (; j + 4 <= n; j += 4) {
+            RSMPL_MCA_BEGIN("sinc_up_where", 4, 0);
+            const uint32x4_t p = vaddq_u32(p0, vsraq_n_u32(a, b, 8));
+            vst1q_s32(o.at + j, vminq_s32(vaddq_s32(vreinterpretq_s32_u32(vshrq_n_u32(p, 16)), h), farv));
+            const uint32x4_t f = vandq_u32(p, vdupq_n_u32(0xFFFF));
+            const uint32x4_t t0 = vshlq_n_u32(vsraq_n_u32(f, f, 15), 7);
+            const uint32x4_t u = vsubq_u32(unity, t0);
+            vst1q_s32(o.left + j, vreinterpretq_s32_u32(vshlq_n_u32(vshrq_n_u32(t0, 16), 4)));
+            vst1q_s32(o.right + j, vreinterpretq_s32_u32(vshlq_n_u32(vshrq_n_u32(u, 16), 4)));
+            const uint32x4_t gl = vandq_u32(t0, vdupq_n_u32(0xFFFF)), gr = vandq_u32(u, vdupq_n_u32(0xFFFF));
+            vst1q_s32(o.gl + j, vreinterpretq_s32_u32(vshlq_n_u32(vsraq_n_u32(gl, gl, 15), kFractionShift)));
+            vst1q_s32(o.gr + j, vreinterpretq_s32_u32(vshlq_n_u32(vsraq_n_u32(gr, gr, 15), kFractionShift)));
+            a = vaddq_u32(a, a4);
+            b = vaddq_u32(b, b4);
+            RSMPL_MCA_END("sinc_up_where", 4, 0);
+        }
+        where_plain<kFractionShift>(r, base, j, n, far, o);
     }
 
-    // One output at 128 entries per tap: x[c - 15 .. c] against the reversed
-    // row of t0, x[c + 1 .. c + 16] against the row of 128 entries - t0.
-    [[gnu::always_inline]] static uint32_t rows(const int32_t *xc, const SincRows &r, uint32_t t0) {
-        const uint32_t u = kUnityTableStep - t0;
-        const int32_t *wl = r.wingRev[t0 >> 16], *dl = r.deltaRev[t0 >> 16];
-        const int32_t *wr = r.wing[u >> 16], *dr = r.delta[u >> 16];
-        const int32x4_t gl = vdupq_n_s32(static_cast<int32_t>(fraction(t0)));
-        const int32x4_t gr = vdupq_n_s32(static_cast<int32_t>(fraction(u)));
-        int32x4_t acc0 = vdupq_n_s32(0), acc1 = vdupq_n_s32(0);
+    // Each output at 128 entries per tap: x[c - 15 .. c] against the
+    // reversed row of t0, x[c + 1 .. c + 16] against the row of 128 entries
+    // - t0. The fractions are below 65536 here (t0 is a multiple of 128).
+    static void rows(const int32_t *x0, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
+        for (uint32_t i = 0; i < n; ++i) {
+            RSMPL_MCA_BEGIN("sinc_up", 1, 0);
+            const int32_t *xc = x0 + o.at[i];
+            const int32_t *wl = r.wingRev[0] + o.left[i], *dl = r.deltaRev[0] + o.left[i];
+            const int32_t *wr = r.wing[0] + o.right[i], *dr = r.delta[0] + o.right[i];
+            const int32x4_t gl = vld1q_dup_s32(o.gl + i), gr = vld1q_dup_s32(o.gr + i);
+            int32x4_t t[8];
 #pragma GCC unroll 4
-        for (int m = 0; m < 16; m += 4) {
-            const int32x4_t cl = vaddq_s32(vld1q_s32(wl + m), mul_shift16(vld1q_s32(dl + m), gl));
-            acc0 = vaddq_s32(acc0, mul_shift16(cl, vld1q_s32(xc - 15 + m)));
-            const int32x4_t cr = vaddq_s32(vld1q_s32(wr + m), mul_shift16(vld1q_s32(dr + m), gr));
-            acc1 = vaddq_s32(acc1, mul_shift16(cr, vld1q_s32(xc + 1 + m)));
+            for (int m = 0; m < 4; ++m) {
+                const int32x4_t cl = vaddq_s32(vld1q_s32(wl + 4 * m), vqdmulhq_s32(vld1q_s32(dl + 4 * m), gl));
+                t[m] = vqdmulhq_s32(cl, vld1q_s32(xc - 15 + 4 * m));
+                const int32x4_t cr = vaddq_s32(vld1q_s32(wr + 4 * m), vqdmulhq_s32(vld1q_s32(dr + 4 * m), gr));
+                t[4 + m] = vqdmulhq_s32(cr, vld1q_s32(xc + 1 + 4 * m));
+            }
+            const int32x4_t s = vaddq_s32(vaddq_s32(vaddq_s32(t[0], t[1]), vaddq_s32(t[2], t[3])),
+                                          vaddq_s32(vaddq_s32(t[4], t[5]), vaddq_s32(t[6], t[7])));
+            acc[i] = vaddvq_u32(vreinterpretq_u32_s32(s));
+            RSMPL_MCA_END("sinc_up", 1, 0);
         }
-        return vaddvq_u32(vreinterpretq_u32_s32(vaddq_s32(acc0, acc1)));
+    }
+
+    // sinc_finish on four outputs at once: (a * G + 2^22) >> 23 is the
+    // rounding of ((a * G) >> 15) + 128) >> 8, saturated to 32 bits, shifted
+    // back with saturation, then saturated to 16 bits, as sat16(sat32(...)).
+    static void finish(const uint32_t *acc, uint32_t n, uint32_t gain, int shift, int16_t *out) {
+        const int32x2_t g = vdup_n_s32(static_cast<int32_t>(gain));
+        const int32x4_t s = vdupq_n_s32(shift);
+        uint32_t i = 0;
+        for (; i + 4 <= n; i += 4) {
+            RSMPL_MCA_BEGIN("sinc_finish", 4, 0);
+            const int32x4_t a = vshrq_n_s32(vreinterpretq_s32_u32(vld1q_u32(acc + i)), 16);
+            const int32x4_t y = vcombine_s32(vqrshrn_n_s64(vmull_s32(vget_low_s32(a), g), 23),
+                                             vqrshrn_n_s64(vmull_s32(vget_high_s32(a), g), 23));
+            vst1_s16(out + i, vqmovn_s32(vqshlq_s32(y, s)));
+            RSMPL_MCA_END("sinc_finish", 4, 0);
+        }
+        for (; i < n; ++i) out[i] = sinc_finish(acc[i], gain, shift);
     }
 
     // Coefficients of window taps w = 0 .. taps-1 (x[c - h + w]): the left
@@ -77,7 +134,7 @@ struct Neon {
 
     static uint32_t dot(const int32_t *x, const int32_t *coef, int32_t taps) {
         int32x4_t acc = vdupq_n_s32(0);
-        for (int32_t w = 0; w < taps; w += 4) acc = vaddq_s32(acc, mul_shift16(vld1q_s32(coef + w), vld1q_s32(x + w)));
+        for (int32_t w = 0; w < taps; w += 4) acc = vaddq_s32(acc, vqdmulhq_s32(vld1q_s32(coef + w), vld1q_s32(x + w)));
         return vaddvq_u32(vreinterpretq_u32_s32(acc));
     }
 };

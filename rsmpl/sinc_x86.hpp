@@ -11,6 +11,8 @@ namespace rsmpl::sinc {
 namespace {
 
 struct X86 {
+    static constexpr int32_t kSampleScale = 1;
+    static constexpr int kFractionShift = 0;
 #if defined(__AVX2__)
     using V = __m256i;
     static constexpr int kLanes = 8;
@@ -75,28 +77,33 @@ struct X86 {
     }
 #endif
 
-    // g' of the fractions of table positions t: 0xFFFF counts as a whole entry.
-    static uint32_t fraction(uint32_t t) {
-        const uint32_t g = t & 0xFFFFu;
-        return g + (g >> 15);
+    // Each output at 128 entries per tap: x[c - 15 .. c] against the
+    // reversed row of t0, x[c + 1 .. c + 16] against the row of 128 entries
+    // - t0.
+    static void rows(const int32_t *x0, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
+        for (uint32_t i = 0; i < n; ++i) {
+            const int32_t *xc = x0 + o.at[i];
+            const int32_t *wl = r.wingRev[0] + o.left[i], *dl = r.deltaRev[0] + o.left[i];
+            const int32_t *wr = r.wing[0] + o.right[i], *dr = r.delta[0] + o.right[i];
+            const V gl = set1(static_cast<uint32_t>(o.gl[i])), gr = set1(static_cast<uint32_t>(o.gr[i]));
+            V sum0 = set1(0), sum1 = set1(0);
+#pragma GCC unroll 4
+            for (int m = 0; m < 16; m += kLanes) {
+                const V cl = add(load(wl + m), mul_shift16(load(dl + m), gl));
+                sum0 = add(sum0, mul_shift16(cl, load(xc - 15 + m)));
+                const V cr = add(load(wr + m), mul_shift16(load(dr + m), gr));
+                sum1 = add(sum1, mul_shift16(cr, load(xc + 1 + m)));
+            }
+            acc[i] = sum(add(sum0, sum1));
+        }
     }
 
-    // One output at 128 entries per tap: x[c - 15 .. c] against the reversed
-    // row of t0, x[c + 1 .. c + 16] against the row of 128 entries - t0.
-    [[gnu::always_inline]] static uint32_t rows(const int32_t *xc, const SincRows &r, uint32_t t0) {
-        const uint32_t u = kUnityTableStep - t0;
-        const int32_t *wl = r.wingRev[t0 >> 16], *dl = r.deltaRev[t0 >> 16];
-        const int32_t *wr = r.wing[u >> 16], *dr = r.delta[u >> 16];
-        const V gl = set1(fraction(t0)), gr = set1(fraction(u));
-        V acc = set1(0);
-#pragma GCC unroll 4
-        for (int m = 0; m < 16; m += kLanes) {
-            const V cl = add(load(wl + m), mul_shift16(load(dl + m), gl));
-            acc = add(acc, mul_shift16(cl, load(xc - 15 + m)));
-            const V cr = add(load(wr + m), mul_shift16(load(dr + m), gr));
-            acc = add(acc, mul_shift16(cr, load(xc + 1 + m)));
-        }
-        return sum(acc);
+    static void where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, UnityOutputs &o) {
+        where_plain<kFractionShift>(r, base, 0, n, far, o);
+    }
+
+    static void finish(const uint32_t *acc, uint32_t n, uint32_t gain, int shift, int16_t *out) {
+        for (uint32_t i = 0; i < n; ++i) out[i] = sinc_finish(acc[i], gain, shift);
     }
 
     // Coefficients of window taps w = 0 .. taps-1 (x[c - h + w]): the left
