@@ -2,9 +2,10 @@
 // engines; each instruction set supplies the three sums (see sinc_x86.hpp,
 // sinc_neon.hpp). Equal to sinc_run_scalar bit for bit:
 //
-//   - the samples are shifted once per block into 32-bit lanes (times
-//     Isa::kSampleScale) with zero padding on both sides, so taps on samples the block has not received
-//     read zero instead of being cut off one by one;
+//   - the samples are shifted once per block into 32-bit lanes in the form
+//     the instruction set multiplies best (Isa::Window), with zero padding
+//     on both sides, so taps on samples the block has not received read
+//     zero instead of being cut off one by one;
 //   - at 128 entries per tap (ratios 1 and above) each wing's coefficients
 //     are one row of sinc_rows() at one fraction: Isa::rows;
 //   - outputs go in chunks: their sums first, then Isa::finish on all;
@@ -31,10 +32,19 @@ constexpr int32_t kPad = 32;       // zero samples before the history
 // Right padding: a centre up to h + 16 past the last sample, h taps beyond
 // it and a group of lanes.
 constexpr int32_t kSamples = kPad + RSMPL_HISTORY_SAMPLES + 2 * kMaxHalf + 16 + kPad;
-constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16;
+constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16 + 16;
 constexpr uint32_t kUnityTableStep = 0x800000u;
 
 constexpr uint32_t kChunk = 64;  // outputs per pass of the driver
+
+// Writes f(x[i] >> shift) at kPad + i of a window, zero around it up to
+// `filled` (kPad + valid + 2h + 16 + kPad).
+template <class F>
+void fill_window(const SincRun &r, int32_t filled, int32_t *w, F f) {
+    for (int32_t i = 0; i < kPad; ++i) w[i] = 0;
+    for (int32_t i = 0; i < r.valid; ++i) w[kPad + i] = f(r.x[i] >> r.shift);
+    for (int32_t i = kPad + r.valid; i < filled; ++i) w[i] = 0;
+}
 
 inline uint32_t fraction(uint32_t t) {
     const uint32_t g = t & 0xFFFFu;
@@ -73,16 +83,16 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
 template <class Isa>
 void run(const SincRun &r, int16_t *out) {
     if (r.h < 0 || r.h > kMaxHalf || r.valid < 0 || r.valid > RSMPL_HISTORY_SAMPLES || r.count > 0xFFFFu ||
-        r.gain > 0x7FFFFFFFu || r.shift < 0 || r.shift > 8) {
+        r.gain > 0x7FFFFFFFu || r.shift < 0 || r.shift > 8 ||
+        // Below 128 entries per tap every tap lies inside the table, as it
+        // does at every ratio from 1/8 to 1.
+        (r.tableStep != kUnityTableStep &&
+         (uint64_t{static_cast<uint32_t>(r.h)} + 1) * r.tableStep >= uint64_t{kSincWingLength} << 16)) {
         sinc_run_scalar(r, out);
         return;
     }
-    alignas(64) int32_t xs[kSamples];
-    const int32_t filled = kPad + r.valid + 2 * r.h + 16 + kPad;
-    for (int32_t i = 0; i < kPad; ++i) xs[i] = 0;
-    for (int32_t i = 0; i < r.valid; ++i) xs[kPad + i] = (r.x[i] >> r.shift) * Isa::kSampleScale;
-    for (int32_t i = kPad + r.valid; i < filled; ++i) xs[i] = 0;
-    const int32_t *x0 = xs + kPad;
+    typename Isa::Window w;
+    Isa::prepare(r, kPad + r.valid + 2 * r.h + 16 + kPad, w);
     // A centre more than h past the last sample has only zero taps: it is
     // moved to where the whole window reads padding, so no output branches.
     const int32_t far = r.valid - 1 + r.h + 16;
@@ -98,7 +108,7 @@ void run(const SincRun &r, int16_t *out) {
         if (unity) {
             UnityOutputs o;
             Isa::where(r, base, n, far, o);
-            Isa::rows(x0, *rows, o, n, acc);
+            Isa::rows(w, *rows, o, n, acc);
         } else {
             for (uint32_t j = 0; j < n; ++j) {
                 const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
@@ -109,7 +119,7 @@ void run(const SincRun &r, int16_t *out) {
                     Isa::coefs(coef, taps, t0 + static_cast<uint32_t>(r.h) * r.tableStep, r.tableStep, r.h);
                     made = t0;
                 }
-                acc[j] = Isa::dot(x0 + centre - r.h, coef, taps);
+                acc[j] = Isa::dot(w, centre - r.h, coef, taps);
             }
         }
         Isa::finish(acc, n, r.gain, r.shift, out + base);

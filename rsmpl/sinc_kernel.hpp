@@ -78,12 +78,19 @@ void sinc_run_scalar(const SincRun &r, int16_t *out);
 // the table; rows p = 0..128, m = 0..15. At 128 entries per tap (ratios 1
 // and above) all taps of one output share the entry's fraction, so the
 // coefficients of a wing are one row. The reversed copies hold m = 15 - lane
-// for the left wing, whose samples run the other way. Built at first use.
+// for the left wing, whose samples run the other way. The deltas also come
+// split for 16-bit multipliers: the high half (delta >> 16) in both halves
+// of a word, and the low half (delta & 0xFFFF) zero-extended. Built at
+// first use.
 struct SincRows {
     alignas(64) int32_t wing[129][16];
     alignas(64) int32_t delta[129][16];
     alignas(64) int32_t wingRev[129][16];
     alignas(64) int32_t deltaRev[129][16];
+    alignas(64) uint32_t deltaHigh[129][16];
+    alignas(64) uint32_t deltaLow[129][16];
+    alignas(64) uint32_t deltaHighRev[129][16];
+    alignas(64) uint32_t deltaLowRev[129][16];
 };
 const SincRows &sinc_rows();
 

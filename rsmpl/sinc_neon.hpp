@@ -17,7 +17,13 @@ namespace {
 // sqdmulh(coef, x << 15): one instruction each for four lanes.
 struct Neon {
     static constexpr int kLanes = 4;
-    static constexpr int32_t kSampleScale = 1 << 15;
+
+    struct Window {
+        alignas(64) int32_t x[kSamples];  // x << 15
+    };
+    static void prepare(const SincRun &r, int32_t filled, Window &w) {
+        fill_window(r, filled, w.x, [](int32_t v) { return v * (1 << 15); });
+    }
     static constexpr int kFractionShift = 15;
 
     // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
@@ -60,7 +66,8 @@ struct Neon {
     // Each output at 128 entries per tap: x[c - 15 .. c] against the
     // reversed row of t0, x[c + 1 .. c + 16] against the row of 128 entries
     // - t0. The fractions are below 65536 here (t0 is a multiple of 128).
-    static void rows(const int32_t *x0, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
+    static void rows(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
+        const int32_t *x0 = w.x + kPad;
         for (uint32_t i = 0; i < n; ++i) {
             RSMPL_MCA_BEGIN("sinc_up", 1, 0);
             const int32_t *xc = x0 + o.at[i];
@@ -100,39 +107,40 @@ struct Neon {
         for (; i < n; ++i) out[i] = sinc_finish(acc[i], gain, shift);
     }
 
-    // Coefficients of window taps w = 0 .. taps-1 (x[c - h + w]): the left
-    // wing at a - w*T for w <= h, the right at w*T - a; zero from `taps` to
-    // the end of the last group.
-    static void coefs(int32_t *coef, int32_t taps, uint32_t a, uint32_t tableStep, int32_t h) {
-        const uint32x4_t step = vdupq_n_u32(tableStep * 4);
-        const uint32x4_t av = vdupq_n_u32(a), hv = vdupq_n_u32(static_cast<uint32_t>(h));
-        const uint32x4_t nv = vdupq_n_u32(static_cast<uint32_t>(taps));
-        uint32x4_t w = vcombine_u32(vcreate_u32(0x0000000100000000ull), vcreate_u32(0x0000000300000002ull));
-        uint32x4_t wt = vmulq_n_u32(w, tableStep);
-        for (int32_t w0 = 0; w0 < taps; w0 += 4) {
-            const uint32x4_t t = vbslq_u32(vcleq_u32(w, hv), vsubq_u32(av, wt), vsubq_u32(wt, av));
-            const uint32x4_t j = vshrq_n_u32(t, 16);
-            const uint32x4_t inside = vandq_u32(vcltq_u32(j, vdupq_n_u32(kSincWingLength)), vcltq_u32(w, nv));
-            const uint32x4_t jc = vminq_u32(j, vdupq_n_u32(kSincWingLength - 1));
-            int32x4_t wing = vdupq_n_s32(0), delta = vdupq_n_s32(0);
-            wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(jc, 0)], wing, 0);
-            wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(jc, 1)], wing, 1);
-            wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(jc, 2)], wing, 2);
-            wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(jc, 3)], wing, 3);
-            delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(jc, 0)], delta, 0);
-            delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(jc, 1)], delta, 1);
-            delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(jc, 2)], delta, 2);
-            delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(jc, 3)], delta, 3);
-            const uint32x4_t g = vandq_u32(t, vdupq_n_u32(0xFFFF));
-            const int32x4_t g1 = vreinterpretq_s32_u32(vsraq_n_u32(g, g, 15));
-            const int32x4_t c = vaddq_s32(wing, mul_shift16(delta, g1));
-            vst1q_s32(coef + w0, vandq_s32(vreinterpretq_s32_u32(inside), c));
-            w = vaddq_u32(w, vdupq_n_u32(4));
-            wt = vaddq_u32(wt, step);
-        }
+    // Coefficients at table positions t (below the table's end).
+    [[gnu::always_inline]] static int32x4_t coefficient(uint32x4_t t) {
+        const uint32x4_t j = vminq_u32(vshrq_n_u32(t, 16), vdupq_n_u32(kSincWingLength - 1));
+        int32x4_t wing = vdupq_n_s32(0), delta = vdupq_n_s32(0);
+        wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(j, 0)], wing, 0);
+        wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(j, 1)], wing, 1);
+        wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(j, 2)], wing, 2);
+        wing = vld1q_lane_s32(&sincWing[vgetq_lane_u32(j, 3)], wing, 3);
+        delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(j, 0)], delta, 0);
+        delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(j, 1)], delta, 1);
+        delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(j, 2)], delta, 2);
+        delta = vld1q_lane_s32(&sincWingDelta[vgetq_lane_u32(j, 3)], delta, 3);
+        const uint32x4_t g = vandq_u32(t, vdupq_n_u32(0xFFFF));
+        // g' may be 65536 here, so the 64-bit product.
+        return vaddq_s32(wing, mul_shift16(delta, vreinterpretq_s32_u32(vsraq_n_u32(g, g, 15))));
     }
 
-    static uint32_t dot(const int32_t *x, const int32_t *coef, int32_t taps) {
+    // Coefficients of window taps w = 0 .. taps-1 (x[c - h + w]): the left
+    // wing at a - w*T for w <= h, then the right at w*T - a over what the
+    // left wing's last group wrote past h; zero from `taps` to the end of the
+    // last group.
+    static void coefs(int32_t *coef, int32_t taps, uint32_t a, uint32_t tableStep, int32_t h) {
+        const uint32x4_t lane = vcombine_u32(vcreate_u32(0x0000000100000000ull), vcreate_u32(0x0000000300000002ull));
+        const uint32x4_t step = vdupq_n_u32(tableStep * 4), av = vdupq_n_u32(a);
+        uint32x4_t wt = vmulq_n_u32(lane, tableStep);
+        for (int32_t w = 0; w <= h; w += 4, wt = vaddq_u32(wt, step)) vst1q_s32(coef + w, coefficient(vsubq_u32(av, wt)));
+        wt = vmulq_n_u32(vaddq_u32(lane, vdupq_n_u32(static_cast<uint32_t>(h) + 1)), tableStep);
+        for (int32_t w = h + 1; w < taps; w += 4, wt = vaddq_u32(wt, step))
+            vst1q_s32(coef + w, coefficient(vsubq_u32(wt, av)));
+        for (int32_t w = taps; w < taps + 4; ++w) coef[w] = 0;
+    }
+
+    static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t taps) {
+        const int32_t *x = win.x + kPad + first;
         int32x4_t acc = vdupq_n_s32(0);
         for (int32_t w = 0; w < taps; w += 4) acc = vaddq_s32(acc, vqdmulhq_s32(vld1q_s32(coef + w), vld1q_s32(x + w)));
         return vaddvq_u32(vreinterpretq_u32_s32(acc));

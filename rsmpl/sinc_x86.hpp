@@ -10,8 +10,14 @@
 namespace rsmpl::sinc {
 namespace {
 
+// With 16-bit multipliers. A Q31 x 16-bit product taken >> 16 with floor
+// splits exactly: c * x >> 16 = ((c + 2^15) >> 16) * x + mulhi(low half of
+// c as signed, x), the first part and the second one pmaddwd over the
+// word [mulhi | (c + 2^15) >> 16] and the sample pair [1 | x]. The
+// coefficient step likewise: (d * g') >> 16 = (d >> 16) * g' + mulhi of the
+// unsigned low half, the first part one pmaddwd of [d >> 16 | d >> 16] with
+// g' split in two halves below 2^15 (g' < 65536 at 128 entries per tap).
 struct X86 {
-    static constexpr int32_t kSampleScale = 1;
     static constexpr int kFractionShift = 0;
 #if defined(__AVX2__)
     using V = __m256i;
@@ -28,6 +34,11 @@ struct X86 {
     static V less(V a, V b) { return _mm256_cmpgt_epi32(b, a); }
     static V select(V mask, V a, V b) { return _mm256_blendv_epi8(b, a, mask); }
     static V min(V a, V b) { return _mm256_min_epu32(a, b); }
+    static V madd16(V a, V b) { return _mm256_madd_epi16(a, b); }
+    static V mulhi16(V a, V b) { return _mm256_mulhi_epi16(a, b); }
+    static V mulhiu16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
+    static V low16_high16(V low, V high) { return _mm256_blend_epi16(low, high, 0xAA); }
+    static V loadu(const uint32_t *p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)); }
     // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
     static V mul_shift16(V a, V b) {
         const V even = _mm256_srli_epi64(_mm256_mul_epi32(a, b), 16);
@@ -59,6 +70,11 @@ struct X86 {
     static V less(V a, V b) { return _mm_cmplt_epi32(a, b); }
     static V select(V mask, V a, V b) { return _mm_blendv_epi8(b, a, mask); }
     static V min(V a, V b) { return _mm_min_epu32(a, b); }
+    static V madd16(V a, V b) { return _mm_madd_epi16(a, b); }
+    static V mulhi16(V a, V b) { return _mm_mulhi_epi16(a, b); }
+    static V mulhiu16(V a, V b) { return _mm_mulhi_epu16(a, b); }
+    static V low16_high16(V low, V high) { return _mm_blend_epi16(low, high, 0xAA); }
+    static V loadu(const uint32_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
     static V mul_shift16(V a, V b) {
         const V even = _mm_srli_epi64(_mm_mul_epi32(a, b), 16);
         const V odd = _mm_slli_epi64(_mm_mul_epi32(_mm_srli_epi64(a, 32), _mm_srli_epi64(b, 32)), 16);
@@ -77,22 +93,45 @@ struct X86 {
     }
 #endif
 
+    // Samples as [1 | x] (multiplies the high half of a coefficient) and
+    // [x | x] (its low half).
+    struct Window {
+        alignas(64) int32_t one[kSamples];
+        alignas(64) int32_t two[kSamples];
+    };
+    static void prepare(const SincRun &r, int32_t filled, Window &w) {
+        fill_window(r, filled, w.one, [](int32_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v) << 16 | 1u); });
+        fill_window(r, filled, w.two, [](int32_t v) {
+            return static_cast<int32_t>(static_cast<uint32_t>(v) << 16 | (static_cast<uint32_t>(v) & 0xFFFFu));
+        });
+    }
+
+    // Taps of coefficients c against samples at i of the window: the sum of
+    // (c * x) >> 16 per lane, taps summed in pairs modulo 2^32.
+    [[gnu::always_inline]] static V taps(V c, const Window &w, int32_t i) {
+        const V low = mulhi16(c, load(w.two + i));
+        return madd16(low16_high16(low, add(c, set1(0x8000u))), load(w.one + i));
+    }
+
     // Each output at 128 entries per tap: x[c - 15 .. c] against the
     // reversed row of t0, x[c + 1 .. c + 16] against the row of 128 entries
     // - t0.
-    static void rows(const int32_t *x0, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
+    static void rows(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
         for (uint32_t i = 0; i < n; ++i) {
-            const int32_t *xc = x0 + o.at[i];
-            const int32_t *wl = r.wingRev[0] + o.left[i], *dl = r.deltaRev[0] + o.left[i];
-            const int32_t *wr = r.wing[0] + o.right[i], *dr = r.delta[0] + o.right[i];
-            const V gl = set1(static_cast<uint32_t>(o.gl[i])), gr = set1(static_cast<uint32_t>(o.gr[i]));
+            const int32_t at = kPad + o.at[i];
+            const int32_t *wl = r.wingRev[0] + o.left[i], *wr = r.wing[0] + o.right[i];
+            const uint32_t *hl = r.deltaHighRev[0] + o.left[i], *hr = r.deltaHigh[0] + o.right[i];
+            const uint32_t *ll = r.deltaLowRev[0] + o.left[i], *lr = r.deltaLow[0] + o.right[i];
+            const uint32_t gl = static_cast<uint32_t>(o.gl[i]), gr = static_cast<uint32_t>(o.gr[i]);
+            const V gl2 = set1((gl >> 1) | (gl - (gl >> 1)) << 16), gr2 = set1((gr >> 1) | (gr - (gr >> 1)) << 16);
+            const V gl1 = set1(gl), gr1 = set1(gr);
             V sum0 = set1(0), sum1 = set1(0);
 #pragma GCC unroll 4
             for (int m = 0; m < 16; m += kLanes) {
-                const V cl = add(load(wl + m), mul_shift16(load(dl + m), gl));
-                sum0 = add(sum0, mul_shift16(cl, load(xc - 15 + m)));
-                const V cr = add(load(wr + m), mul_shift16(load(dr + m), gr));
-                sum1 = add(sum1, mul_shift16(cr, load(xc + 1 + m)));
+                const V cl = add(add(load(wl + m), madd16(loadu(hl + m), gl2)), mulhiu16(loadu(ll + m), gl1));
+                sum0 = add(sum0, taps(cl, w, at - 15 + m));
+                const V cr = add(add(load(wr + m), madd16(loadu(hr + m), gr2)), mulhiu16(loadu(lr + m), gr1));
+                sum1 = add(sum1, taps(cr, w, at + 1 + m));
             }
             acc[i] = sum(add(sum0, sum1));
         }
@@ -106,31 +145,30 @@ struct X86 {
         for (uint32_t i = 0; i < n; ++i) out[i] = sinc_finish(acc[i], gain, shift);
     }
 
-    // Coefficients of window taps w = 0 .. taps-1 (x[c - h + w]): the left
-    // wing at a - w*T for w <= h, the right at w*T - a; zero from `taps` to
-    // the end of the last group.
-    static void coefs(int32_t *coef, int32_t taps, uint32_t a, uint32_t tableStep, int32_t h) {
-        const V step = set1(tableStep * kLanes);
-        const V av = set1(a), hv = set1(static_cast<uint32_t>(h) + 1), nv = set1(static_cast<uint32_t>(taps));
-        V w = lanes();
-        V wt = mullo(w, set1(tableStep));
-        for (int32_t w0 = 0; w0 < taps; w0 += kLanes) {
-            const V t = select(less(w, hv), sub(av, wt), sub(wt, av));
-            const V j = srl(t, 16);
-            const V inside = and_(less(j, set1(kSincWingLength)), less(w, nv));
-            V wing, delta;
-            gather(min(j, set1(kSincWingLength - 1)), &wing, &delta);
-            const V g = and_(t, set1(0xFFFF));
-            const V g1 = add(g, srl(g, 15));
-            store(coef + w0, and_(inside, add(wing, mul_shift16(delta, g1))));
-            w = add(w, set1(kLanes));
-            wt = add(wt, step);
-        }
+    // Coefficients at table positions t (below the table's end).
+    [[gnu::always_inline]] static V coefficient(V t) {
+        V wing, delta;
+        gather(min(srl(t, 16), set1(kSincWingLength - 1)), &wing, &delta);
+        const V g = and_(t, set1(0xFFFF));
+        return add(wing, mul_shift16(delta, add(g, srl(g, 15))));
     }
 
-    static uint32_t dot(const int32_t *x, const int32_t *coef, int32_t taps) {
+    // Coefficients of window taps w = 0 .. taps-1 (x[c - h + w]): the left
+    // wing at a - w*T for w <= h, then the right at w*T - a over what the
+    // left wing's last group wrote past h; zero from `taps` to the end of the
+    // last group.
+    static void coefs(int32_t *coef, int32_t taps, uint32_t a, uint32_t tableStep, int32_t h) {
+        const V step = set1(tableStep * kLanes), av = set1(a);
+        V wt = mullo(lanes(), set1(tableStep));
+        for (int32_t w = 0; w <= h; w += kLanes, wt = add(wt, step)) store(coef + w, coefficient(sub(av, wt)));
+        wt = mullo(add(lanes(), set1(static_cast<uint32_t>(h) + 1)), set1(tableStep));
+        for (int32_t w = h + 1; w < taps; w += kLanes, wt = add(wt, step)) store(coef + w, coefficient(sub(wt, av)));
+        for (int32_t w = taps; w < taps + kLanes; ++w) coef[w] = 0;
+    }
+
+    static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t n) {
         V acc = set1(0);
-        for (int32_t w = 0; w < taps; w += kLanes) acc = add(acc, mul_shift16(load(coef + w), load(x + w)));
+        for (int32_t w = 0; w < n; w += kLanes) acc = add(acc, taps(load(coef + w), win, kPad + first + w));
         return sum(acc);
     }
 };
