@@ -35,6 +35,18 @@ struct X86 {
     static V select(V mask, V a, V b) { return _mm256_blendv_epi8(b, a, mask); }
     static V min(V a, V b) { return _mm256_min_epu32(a, b); }
     static V madd16(V a, V b) { return _mm256_madd_epi16(a, b); }
+    static V srai(V a, int n) { return _mm256_srai_epi32(a, n); }
+    static V mul64(V a, V b) { return _mm256_mul_epi32(a, b); }
+    static V srl64(V a, int n) { return _mm256_srli_epi64(a, n); }
+    static V sll64(V a, int n) { return _mm256_slli_epi64(a, n); }
+    static V add64(V a, V b) { return _mm256_add_epi64(a, b); }
+    static V bias() { return _mm256_set1_epi64x(1 << 22); }
+    static V blend_odd(V even, V odd) { return _mm256_blend_epi32(even, odd, 0xAA); }
+    static V sll(V a, __m128i n) { return _mm256_sll_epi32(a, n); }
+    static void store_packed(int16_t *p, V y) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(p),
+                         _mm_packs_epi32(_mm256_castsi256_si128(y), _mm256_extracti128_si256(y, 1)));
+    }
     static V mulhi16(V a, V b) { return _mm256_mulhi_epi16(a, b); }
     static V mulhiu16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
     static V low16_high16(V low, V high) { return _mm256_blend_epi16(low, high, 0xAA); }
@@ -71,6 +83,15 @@ struct X86 {
     static V select(V mask, V a, V b) { return _mm_blendv_epi8(b, a, mask); }
     static V min(V a, V b) { return _mm_min_epu32(a, b); }
     static V madd16(V a, V b) { return _mm_madd_epi16(a, b); }
+    static V srai(V a, int n) { return _mm_srai_epi32(a, n); }
+    static V mul64(V a, V b) { return _mm_mul_epi32(a, b); }
+    static V srl64(V a, int n) { return _mm_srli_epi64(a, n); }
+    static V sll64(V a, int n) { return _mm_slli_epi64(a, n); }
+    static V add64(V a, V b) { return _mm_add_epi64(a, b); }
+    static V bias() { return _mm_set1_epi64x(1 << 22); }
+    static V blend_odd(V even, V odd) { return _mm_blend_epi16(even, odd, 0xCC); }
+    static V sll(V a, __m128i n) { return _mm_sll_epi32(a, n); }
+    static void store_packed(int16_t *p, V y) { _mm_storel_epi64(reinterpret_cast<__m128i *>(p), _mm_packs_epi32(y, y)); }
     static V mulhi16(V a, V b) { return _mm_mulhi_epi16(a, b); }
     static V mulhiu16(V a, V b) { return _mm_mulhi_epu16(a, b); }
     static V low16_high16(V low, V high) { return _mm_blend_epi16(low, high, 0xAA); }
@@ -116,33 +137,52 @@ struct X86 {
     // Each output at 128 entries per tap: x[c - 15 .. c] against the
     // reversed row of t0, x[c + 1 .. c + 16] against the row of 128 entries
     // - t0.
-    static void rows(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
-        for (uint32_t i = 0; i < n; ++i) {
-            const int32_t at = kPad + o.at[i];
-            const int32_t *wl = r.wingRev[0] + o.left[i], *wr = r.wing[0] + o.right[i];
-            const uint32_t *hl = r.deltaHighRev[0] + o.left[i], *hr = r.deltaHigh[0] + o.right[i];
-            const uint32_t *ll = r.deltaLowRev[0] + o.left[i], *lr = r.deltaLow[0] + o.right[i];
-            const uint32_t gl = static_cast<uint32_t>(o.gl[i]), gr = static_cast<uint32_t>(o.gr[i]);
-            const V gl2 = set1((gl >> 1) | (gl - (gl >> 1)) << 16), gr2 = set1((gr >> 1) | (gr - (gr >> 1)) << 16);
-            const V gl1 = set1(gl), gr1 = set1(gr);
-            V sum0 = set1(0), sum1 = set1(0);
+    // One output's taps at 128 entries per tap, lane by lane: x[c - 15 .. c]
+    // against the reversed row of t0, x[c + 1 .. c + 16] against the row of
+    // 128 entries - t0.
+    [[gnu::always_inline]] static V output(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t i) {
+        const int32_t at = kPad + o.at[i];
+        const int32_t *wl = r.wingRev[0] + o.left[i], *wr = r.wing[0] + o.right[i];
+        const uint32_t *hl = r.deltaHighRev[0] + o.left[i], *hr = r.deltaHigh[0] + o.right[i];
+        const uint32_t *ll = r.deltaLowRev[0] + o.left[i], *lr = r.deltaLow[0] + o.right[i];
+        const uint32_t gl = static_cast<uint32_t>(o.gl[i]), gr = static_cast<uint32_t>(o.gr[i]);
+        const V gl2 = set1((gl >> 1) | (gl - (gl >> 1)) << 16), gr2 = set1((gr >> 1) | (gr - (gr >> 1)) << 16);
+        const V gl1 = set1(gl), gr1 = set1(gr);
+        V sum0 = set1(0), sum1 = set1(0);
 #pragma GCC unroll 4
-            for (int m = 0; m < 16; m += kLanes) {
-                const V cl = add(add(load(wl + m), madd16(loadu(hl + m), gl2)), mulhiu16(loadu(ll + m), gl1));
-                sum0 = add(sum0, taps(cl, w, at - 15 + m));
-                const V cr = add(add(load(wr + m), madd16(loadu(hr + m), gr2)), mulhiu16(loadu(lr + m), gr1));
-                sum1 = add(sum1, taps(cr, w, at + 1 + m));
-            }
-            acc[i] = sum(add(sum0, sum1));
+        for (int m = 0; m < 16; m += kLanes) {
+            const V cl = add(add(load(wl + m), madd16(loadu(hl + m), gl2)), mulhiu16(loadu(ll + m), gl1));
+            sum0 = add(sum0, taps(cl, w, at - 15 + m));
+            const V cr = add(add(load(wr + m), madd16(loadu(hr + m), gr2)), mulhiu16(loadu(lr + m), gr1));
+            sum1 = add(sum1, taps(cr, w, at + 1 + m));
         }
+        return add(sum0, sum1);
+    }
+
+    static void rows(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
+        for (uint32_t i = 0; i < n; ++i) acc[i] = sum(output(w, r, o, i));
     }
 
     static void where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, UnityOutputs &o) {
         where_plain<kFractionShift>(r, base, 0, n, far, o);
     }
 
+    // sinc_finish on a register of outputs: with |a| < 2^15 and G < 2^31,
+    // y = (a * G + 2^22) >> 23 (the rounding of (((a * G) >> 15) + 128) >> 8)
+    // lies below 2^23 and y << s (s <= 8) below 2^31, so only the 16-bit
+    // saturation can bite (packssdw). Bits 23..54 of each 64-bit product
+    // are y.
     static void finish(const uint32_t *acc, uint32_t n, uint32_t gain, int shift, int16_t *out) {
-        for (uint32_t i = 0; i < n; ++i) out[i] = sinc_finish(acc[i], gain, shift);
+        const V g = set1(gain);
+        const __m128i count = _mm_cvtsi32_si128(shift);
+        uint32_t i = 0;
+        for (; i + kLanes <= n; i += kLanes) {
+            const V a = srai(load(reinterpret_cast<const int32_t *>(acc + i)), 16);
+            const V even = mul64(a, g), odd = mul64(srl64(a, 32), g);
+            const V y = sll(blend_odd(srl64(add64(even, bias()), 23), sll64(add64(odd, bias()), 9)), count);
+            store_packed(out + i, y);
+        }
+        for (; i < n; ++i) out[i] = sinc_finish(acc[i], gain, shift);
     }
 
     // Coefficients at table positions t (below the table's end).
