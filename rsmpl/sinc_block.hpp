@@ -37,6 +37,9 @@ constexpr uint32_t kUnityTableStep = 0x800000u;
 
 constexpr uint32_t kChunk = 64;  // outputs per pass of the driver
 
+// The marked loops of an output at ratios 1 and above, for the cost estimate:
+// arm-cost total: sinc_up_total = sinc_up + sinc_up_where + sinc_finish
+
 // Writes f(x[i] >> shift) at kPad + i of a window, zero around it up to
 // `filled` (kPad + valid + 2h + 16 + kPad).
 template <class F>

@@ -15,7 +15,9 @@
 #   bash scripts/arm-cost.sh --kernel sinc_up --cpu cortex-a55 --no-doc   # smoke run
 #
 # --kernel NAME (repeatable) restricts the run to those kernels and fails if
-# one of them has no marked region. Prints one tab-separated line per kernel
+# one of them has no marked region. A path made of several marked loops
+# declares its total beside the code, in a comment the doc picks up:
+#   // arm-cost total: sinc_up_total = sinc_up + sinc_up_where + sinc_finish Prints one tab-separated line per kernel
 # and core: kernel cpu cycles_per_output macs_per_output ceiling_cycles
 # percent_of_ceiling (the last three empty where the kernel has no MAC count).
 set -euo pipefail
@@ -124,7 +126,7 @@ for cpu in "${cpus[@]}"; do
   v=$(cycles_per_iter "$work/ceiling_vec.s" "$cpu")
   e=$(cycles_per_iter "$work/ceiling_elem.s" "$cpu")
   [ -n "$v" ] && [ -n "$e" ] || { echo "arm-cost: llvm-mca failed on the ceiling for $cpu" >&2; cat "$work/mca.err" >&2; exit 1; }
-  ceiling[$cpu]=$(awk -v v="$v" -v e="$e" 'BEGIN { c = v < e ? v : e; printf "%.4f", 32 / c }')  # MACs per cycle
+  ceiling[$cpu]=$(awk -v v="$v" -v e="$e" 'BEGIN { c = v < e ? v : e; printf "%.2f", 32 / c }')  # MACs per cycle
 done
 
 # Kernels found, each name once (a region the compiler duplicated counts at its worst copy).
@@ -179,7 +181,8 @@ cycles per iteration are divided by the loop's outputs per pass. The model has
 no caches (every load hits L1), no branch mispredictions, no loop overhead
 outside the marked region, and none of the wrapper's work around the loop
 (copies into the history, saturation of the last outputs, the plug-in's
-channel moves). Real cores will be slower by those amounts.
+channel moves). Real cores will be slower by those amounts. Loops without
+marks are not estimated at all.
 \`neoverse-n1\` is LLVM's model of the Cortex-A76 class (its \`cortex-a76\`
 name maps to an older model).
 
@@ -200,6 +203,31 @@ cat <<EOF
 |---|---|---|---|---|---|
 EOF
 awk -F'\t' '{ printf "| %s | %s | %s | %s | %s | %s |\n", $1, $2, $3, $4, $5, $6 }' "$work/table"
+# Totals declared in the sources (see the header of this script).
+totals=$(grep -rhoE 'arm-cost total: *[A-Za-z0-9_]+ *= *[A-Za-z0-9_ +]+' rsmpl 2>/dev/null | sed 's/.*arm-cost total: *//' | sort -u || true)
+if [ -n "$totals" ]; then
+  cat <<EOF
+
+Paths made of several marked loops, per output (the sum of their loops'
+figures above, as declared beside the code):
+
+| path | loops | core | cycles/out |
+|---|---|---|---|
+EOF
+  while IFS= read -r decl; do
+    tname=$(echo "${decl%%=*}" | tr -d ' ')
+    parts=$(echo "${decl#*=}" | tr -d ' ')
+    for cpu in "${cpus[@]}"; do
+      awk -F'\t' -v parts="$parts" -v cpu="$cpu" -v tname="$tname" 'BEGIN { n = split(parts, want, "+") }
+        $2 == cpu { have[$1] = $3 }
+        END {
+          total = 0
+          for (i = 1; i <= n; ++i) { if (!(want[i] in have)) exit; total += have[want[i]] }
+          gsub(/\+/, " + ", parts); printf "| %s | %s | %s | %.2f |\n", tname, parts, cpu, total
+        }' "$work/table"
+    done
+  done <<<"$totals"
+fi
 cat <<EOF
 
 At 48000 outputs per second and channel, a kernel at N cycles/out costs
