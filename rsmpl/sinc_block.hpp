@@ -64,6 +64,8 @@ struct UnityOutputs {
     alignas(64) int32_t right[kChunk];
     alignas(64) int32_t gl[kChunk];
     alignas(64) int32_t gr[kChunk];
+    alignas(64) int32_t gl2[kChunk];  // for engines that want them: g' in two halves, each below 2^15
+    alignas(64) int32_t gr2[kChunk];
 };
 
 // The plain form of Isa::where: entries from .. n-1 of a chunk of a run at

@@ -145,9 +145,8 @@ struct X86 {
         const int32_t *wl = r.wingRev[0] + o.left[i], *wr = r.wing[0] + o.right[i];
         const uint32_t *hl = r.deltaHighRev[0] + o.left[i], *hr = r.deltaHigh[0] + o.right[i];
         const uint32_t *ll = r.deltaLowRev[0] + o.left[i], *lr = r.deltaLow[0] + o.right[i];
-        const uint32_t gl = static_cast<uint32_t>(o.gl[i]), gr = static_cast<uint32_t>(o.gr[i]);
-        const V gl2 = set1((gl >> 1) | (gl - (gl >> 1)) << 16), gr2 = set1((gr >> 1) | (gr - (gr >> 1)) << 16);
-        const V gl1 = set1(gl), gr1 = set1(gr);
+        const V gl1 = set1(static_cast<uint32_t>(o.gl[i])), gr1 = set1(static_cast<uint32_t>(o.gr[i]));
+        const V gl2 = set1(static_cast<uint32_t>(o.gl2[i])), gr2 = set1(static_cast<uint32_t>(o.gr2[i]));
         V sum0 = set1(0), sum1 = set1(0);
 #pragma GCC unroll 4
         for (int m = 0; m < 16; m += kLanes) {
@@ -165,6 +164,11 @@ struct X86 {
 
     static void where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, UnityOutputs &o) {
         where_plain<kFractionShift>(r, base, 0, n, far, o);
+        for (uint32_t j = 0; j < n; ++j) {
+            const auto gl = static_cast<uint32_t>(o.gl[j]), gr = static_cast<uint32_t>(o.gr[j]);
+            o.gl2[j] = static_cast<int32_t>((gl >> 1) | (gl - (gl >> 1)) << 16);
+            o.gr2[j] = static_cast<int32_t>((gr >> 1) | (gr - (gr >> 1)) << 16);
+        }
     }
 
     // sinc_finish on a register of outputs: with |a| < 2^15 and G < 2^31,
