@@ -17,7 +17,7 @@ build=build-bench
 out=docs/performance.md
 
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
-cmake --build "$build" -j2 --target bench_kernels e2e_alsa rate_benchcopy rsmplrate
+cmake --build "$build" -j2 --target bench_kernels e2e_alsa rate_benchcopy rsmplrate sinc_vs_speex
 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
@@ -27,6 +27,9 @@ echo "bench: end-to-end through alsa-lib ($rounds rounds of $seconds s of audio)
 echo "bench: kernels, stages, sinc, plug-in ($reps repetitions, min time $min_time s)" >&2
 "$build/bench/bench_kernels" --benchmark_min_time="$min_time" --benchmark_repetitions="$reps" \
   --benchmark_report_aggregates_only=true --markdown="$tmp/kernels.md" >"$tmp/kernels.txt"
+
+echo "bench: sinc interpolator against speexdsp ($rounds rounds)" >&2
+"$build/bench/sinc_vs_speex" --rounds "$rounds" --seconds 10 >"$tmp/speex.md"
 
 cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n1)
 flags=$(sed -n 's/^flags[[:space:]]*: //p' /proc/cpuinfo | head -n1 | tr ' ' '\n' |
@@ -139,6 +142,17 @@ no \`-march\` (baseline SSE2, which it may use to auto-vectorise).
 
 EOF
 cat "$tmp/kernels.md"
+cat <<EOF
+
+## Sinc interpolator against speexdsp
+
+Command: \`$build/bench/sinc_vs_speex --rounds $rounds --seconds 10\`
+(mono noise, ours in 480-sample blocks through \`RSMPL_Resample\`, speexdsp's
+resampler at quality 3 through its int16 API in 10 ms blocks, alternating
+within each round).
+
+EOF
+cat "$tmp/speex.md"
 # Hand-written notes on the targets, kept beside the generated tables.
 [ -f docs/performance-targets.md ] && cat docs/performance-targets.md
 } >"$out"
