@@ -136,17 +136,21 @@ uint32_t filter_block(RSMPL_Ctx &c, const int16_t *in, int16_t *out, uint32_t co
     const int32_t consumed = static_cast<int32_t>(count) - (nextHalfLength - h);
     const uint32_t limit = static_cast<uint32_t>(consumed);
 
-    // Outputs while the centre stays inside the block; the kernels then
-    // write them all in one run.
+    // Outputs while the centre stays inside the block: the smallest k >= 1
+    // whose position p0 + advance(k) reaches the limit (positions rise with
+    // k), found from an estimate and walked to exactly; the kernels then
+    // write them all in one run. Every position counts from the block
+    // start, so rounding never accumulates.
+    const auto reached = [&](uint32_t n) { return ((p0 + rsmpl::sinc_advance(step, n)) >> 16) >= limit; };
     uint32_t k = 0;
-    uint32_t p = p0;
-    if (forceFirst || (p >> 16) < limit) {
-        do {
-            ++k;
-            // Every position from the block start, so rounding never accumulates.
-            p = p0 + rsmpl::sinc_advance(step, k);
-        } while ((p >> 16) < limit);
+    if (forceFirst || (p0 >> 16) < limit) {
+        const uint64_t need = (p0 >> 16) < limit ? (uint64_t{limit} << 16) - p0 : 0;
+        const uint64_t guess = need * 256 / step;
+        k = guess < 1 ? 1 : (guess > 0xFFFF ? 0xFFFF : static_cast<uint32_t>(guess));
+        while (k > 1 && reached(k - 1)) --k;
+        while (!reached(k)) ++k;
     }
+    const uint32_t p = p0 + rsmpl::sinc_advance(step, k);
     const rsmpl::SincRun run{x, valid, h, p0, step, tableStep, gain, shift, k};
     rsmpl::kernels().sinc(run, out);
     const uint32_t rest = p - (limit << 16);
