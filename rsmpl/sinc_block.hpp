@@ -19,6 +19,7 @@
 #pragma once
 
 #include <algorithm>
+#include <type_traits>
 
 #include "rsmpl/mca.hpp"
 #include "rsmpl/rsmpl.h"
@@ -68,6 +69,71 @@ struct UnityOutputs {
     alignas(64) int32_t gr2[kChunk];
 };
 
+// Below 128 entries per tap, tap k of every output lies in the slot
+// [k*T, (k+1)*T) of the table (right wing: [(k-1)*T, k*T)): with
+// t0 = e * 2^16 + q and k*T = K * 2^16 + r, the left tap reads entry
+// K + e + carry(r + q), the right one K - e - borrow(r - q), at fraction
+// (r +- q) mod 2^16. A block's slot table holds, in window order, the
+// entries of every tap for each e (row e: K + e left, K - e right), so the
+// taps of an output are two contiguous rows, e and e + 1, picked per lane
+// by the carry; `frac` holds r, `right` marks the right wing's lanes.
+constexpr int32_t kSlotCells = 4096;
+struct NoSlots {};
+struct Slots {
+    int32_t rows = 0, len = 0;
+    alignas(64) uint32_t frac[kCoefs];
+    alignas(64) uint32_t right[kCoefs];
+    alignas(64) int32_t wing[kSlotCells];
+    alignas(64) int32_t delta[kSlotCells];
+};
+
+// Fills the slot table of a run, kLanes rows by kLanes lanes at a time:
+// each lane's entries are a run of the wing (rising on the left wing,
+// falling on the right), loaded as a register and turned into row order by
+// Isa::transpose. False when the table would not fit.
+template <class Isa>
+bool build_slots(const SincRun &r, Slots &s) {
+    constexpr int L = Isa::kLanes;
+    const int32_t taps = 2 * r.h + 1;
+    s.len = (taps + L - 1) / L * L;
+    s.rows = (static_cast<int32_t>(r.tableStep >> 16) + 2 + L - 1) / L * L;
+    if (s.rows * s.len > kSlotCells || s.rows > SincRows::kPaddedZero - 2 * L) return false;
+    const SincRows &t = sinc_rows();
+    int32_t first[kCoefs];  // padded index of each lane's entry for e = 0
+    for (int32_t w = 0; w < s.len; ++w) {
+        const int32_t k = w <= r.h ? r.h - w : w - r.h;
+        const uint32_t kt = static_cast<uint32_t>(k) * r.tableStep;
+        const bool right = w > r.h && w < taps;
+        s.frac[w] = kt & 0xFFFFu;
+        s.right[w] = right ? ~0u : 0u;
+        // Past the taps: the zeros before the wing.
+        first[w] = w >= taps ? 0 : SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16);
+    }
+    for (int32_t w0 = 0; w0 < s.len; w0 += L)
+        for (int32_t e0 = 0; e0 < s.rows; e0 += L) {
+            typename Isa::V wv[L], dv[L];
+            for (int c = 0; c < L; ++c) {
+                const int32_t w = w0 + c;
+                if (s.right[w] != 0u) {
+                    const int32_t at = first[w] - e0 - (L - 1);
+                    wv[c] = Isa::reverse(Isa::load(t.wingPadded + at));
+                    dv[c] = Isa::reverse(Isa::load(t.deltaPadded + at));
+                } else {
+                    const int32_t at = w < taps ? first[w] + e0 : 0;
+                    wv[c] = Isa::load(t.wingPadded + at);
+                    dv[c] = Isa::load(t.deltaPadded + at);
+                }
+            }
+            Isa::transpose(wv);
+            Isa::transpose(dv);
+            for (int c = 0; c < L; ++c) {
+                Isa::store(s.wing + (e0 + c) * s.len + w0, wv[c]);
+                Isa::store(s.delta + (e0 + c) * s.len + w0, dv[c]);
+            }
+        }
+    return true;
+}
+
 // The plain form of Isa::where: entries from .. n-1 of a chunk of a run at
 // 128 entries per tap (output base + j at j), centres capped at `far`.
 template <int kFractionShift>
@@ -107,6 +173,14 @@ void run(const SincRun &r, int16_t *out) {
     const int32_t taps = 2 * r.h + 1;
     uint32_t made = ~0u;  // no t0 reaches it: t0 <= tableStep
     alignas(64) uint32_t acc[kChunk];
+    // A slot table pays when the fraction changes from output to output (a
+    // whole step keeps one set of coefficients) over enough outputs.
+    std::conditional_t<Isa::kSlots, Slots, NoSlots> table;
+    const Slots *slots = nullptr;
+    if constexpr (Isa::kSlots)
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 &&
+            build_slots<Isa>(r, table))
+            slots = &table;
 
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);
@@ -114,6 +188,15 @@ void run(const SincRun &r, int16_t *out) {
             UnityOutputs o;
             Isa::where(r, base, n, far, o);
             Isa::rows(w, *rows, o, n, acc);
+        } else if (slots != nullptr) {
+            if constexpr (Isa::kSlots)
+                for (uint32_t j = 0; j < n; ++j) {
+                    const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
+                    const int32_t centre = std::min(static_cast<int32_t>(p >> 16) + r.h, far);
+                    const uint32_t f = p & 0xFFFFu;
+                    const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+                    acc[j] = Isa::slot_output(w, centre - r.h, *slots, t0);
+                }
         } else {
             for (uint32_t j = 0; j < n; ++j) {
                 const uint32_t p = r.p0 + sinc_advance(r.step, base + j);

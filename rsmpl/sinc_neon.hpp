@@ -25,6 +25,7 @@ struct Neon {
         fill_window(r, filled, w.x, [](int32_t v) { return v * (1 << 15); });
     }
     static constexpr int kFractionShift = 15;
+    static constexpr bool kSlots = false;
 
     // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
     [[gnu::always_inline]] static int32x4_t mul_shift16(int32x4_t a, int32x4_t b) {

@@ -19,6 +19,7 @@ namespace {
 // g' split in two halves below 2^15 (g' < 65536 at 128 entries per tap).
 struct X86 {
     static constexpr int kFractionShift = 0;
+    static constexpr bool kSlots = true;
 #if defined(__AVX2__)
     using V = __m256i;
     static constexpr int kLanes = 8;
@@ -51,6 +52,24 @@ struct X86 {
     static V mulhiu16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
     static V low16_high16(V low, V high) { return _mm256_blend_epi16(low, high, 0xAA); }
     static V loadu(const uint32_t *p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)); }
+    static V reverse(V a) { return _mm256_permutevar8x32_epi32(a, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0)); }
+    static void transpose(V *v) {
+        V t[8], u[8];
+        for (int i = 0; i < 8; i += 2) {
+            t[i] = _mm256_unpacklo_epi32(v[i], v[i + 1]);
+            t[i + 1] = _mm256_unpackhi_epi32(v[i], v[i + 1]);
+        }
+        for (int i = 0; i < 8; i += 4) {
+            u[i] = _mm256_unpacklo_epi64(t[i], t[i + 2]);
+            u[i + 1] = _mm256_unpackhi_epi64(t[i], t[i + 2]);
+            u[i + 2] = _mm256_unpacklo_epi64(t[i + 1], t[i + 3]);
+            u[i + 3] = _mm256_unpackhi_epi64(t[i + 1], t[i + 3]);
+        }
+        for (int i = 0; i < 4; ++i) {
+            v[i] = _mm256_permute2x128_si256(u[i], u[i + 4], 0x20);
+            v[i + 4] = _mm256_permute2x128_si256(u[i], u[i + 4], 0x31);
+        }
+    }
     // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
     static V mul_shift16(V a, V b) {
         const V even = _mm256_srli_epi64(_mm256_mul_epi32(a, b), 16);
@@ -96,6 +115,15 @@ struct X86 {
     static V mulhiu16(V a, V b) { return _mm_mulhi_epu16(a, b); }
     static V low16_high16(V low, V high) { return _mm_blend_epi16(low, high, 0xAA); }
     static V loadu(const uint32_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
+    static V reverse(V a) { return _mm_shuffle_epi32(a, 0x1B); }
+    static void transpose(V *v) {
+        const V t0 = _mm_unpacklo_epi32(v[0], v[1]), t1 = _mm_unpackhi_epi32(v[0], v[1]);
+        const V t2 = _mm_unpacklo_epi32(v[2], v[3]), t3 = _mm_unpackhi_epi32(v[2], v[3]);
+        v[0] = _mm_unpacklo_epi64(t0, t2);
+        v[1] = _mm_unpackhi_epi64(t0, t2);
+        v[2] = _mm_unpacklo_epi64(t1, t3);
+        v[3] = _mm_unpackhi_epi64(t1, t3);
+    }
     static V mul_shift16(V a, V b) {
         const V even = _mm_srli_epi64(_mm_mul_epi32(a, b), 16);
         const V odd = _mm_slli_epi64(_mm_mul_epi32(_mm_srli_epi64(a, 32), _mm_srli_epi64(b, 32)), 16);
@@ -208,6 +236,26 @@ struct X86 {
         wt = mullo(add(lanes(), set1(static_cast<uint32_t>(h) + 1)), set1(tableStep));
         for (int32_t w = h + 1; w < taps; w += kLanes, wt = add(wt, step)) store(coef + w, coefficient(sub(wt, av)));
         for (int32_t w = taps; w < taps + kLanes; ++w) coef[w] = 0;
+    }
+
+    // One output below 128 entries per tap from the block's slot table
+    // (sinc_block.hpp): rows e and e + 1 picked per lane by the carry of
+    // the fraction, r + q on the left wing, r - q on the right.
+    static uint32_t slot_output(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
+        const int32_t *w0 = s.wing + (t0 >> 16) * static_cast<uint32_t>(s.len);
+        const int32_t *d0 = s.delta + (t0 >> 16) * static_cast<uint32_t>(s.len);
+        const V qp = set1(t0 & 0xFFFFu), qn = set1(0u - (t0 & 0xFFFFu));
+        V acc = set1(0);
+        for (int32_t i = 0; i < s.len; i += kLanes) {
+            const V sq = add(loadu(s.frac + i), select(loadu(s.right + i), qn, qp));
+            const V next = less(set1(0), srl(sq, 16));
+            const V g = and_(sq, set1(0xFFFF));
+            const V wing = select(next, load(w0 + s.len + i), load(w0 + i));
+            const V delta = select(next, load(d0 + s.len + i), load(d0 + i));
+            const V c = add(wing, mul_shift16(delta, add(g, srl(g, 15))));
+            acc = add(acc, taps(c, win, kPad + first + i));
+        }
+        return sum(acc);
     }
 
     static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t n) {
