@@ -11,7 +11,9 @@
 //   - outputs go in chunks: their sums first, then Isa::finish on all;
 //   - below, the coefficients of an output are built into a buffer
 //     (Isa::coefs) and kept while the fraction repeats, as it does at every
-//     whole step (1/2, 1/3, ...); Isa::dot then sums against the samples.
+//     whole step (1/2, 1/3, ...); Isa::dot then sums against the samples;
+//   - below with a fraction that moves, engines with Isa::kSlots read each
+//     output's coefficients from the block's slot table (Slots) instead.
 //
 // Per tap, as the scalar form: coefficient wing[j] + ((delta[j] * g') >> 16)
 // and tap (coef * (x >> s)) >> 16, each the floor of an exact product; taps
@@ -65,7 +67,9 @@ struct UnityOutputs {
     alignas(64) int32_t right[kChunk];
     alignas(64) int32_t gl[kChunk];
     alignas(64) int32_t gr[kChunk];
-    alignas(64) int32_t gl2[kChunk];  // for engines that want them: g' in two halves, each below 2^15
+    // For engines that want them: g' as two halves below 2^15 (low word,
+    // high word).
+    alignas(64) int32_t gl2[kChunk];
     alignas(64) int32_t gr2[kChunk];
 };
 
@@ -77,6 +81,7 @@ struct UnityOutputs {
 // entries of every tap for each e (row e: K + e left, K - e right), so the
 // taps of an output are two contiguous rows, e and e + 1, picked per lane
 // by the carry; `frac` holds r, `right` marks the right wing's lanes.
+// 34 KB, on the stack of the engines that use it.
 constexpr int32_t kSlotCells = 4096;
 struct NoSlots {};
 struct Slots {

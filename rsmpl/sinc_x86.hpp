@@ -11,12 +11,12 @@ namespace rsmpl::sinc {
 namespace {
 
 // With 16-bit multipliers. A Q31 x 16-bit product taken >> 16 with floor
-// splits exactly: c * x >> 16 = ((c + 2^15) >> 16) * x + mulhi(low half of
-// c as signed, x), the first part and the second one pmaddwd over the
-// word [mulhi | (c + 2^15) >> 16] and the sample pair [1 | x]. The
-// coefficient step likewise: (d * g') >> 16 = (d >> 16) * g' + mulhi of the
-// unsigned low half, the first part one pmaddwd of [d >> 16 | d >> 16] with
-// g' split in two halves below 2^15 (g' < 65536 at 128 entries per tap).
+// splits exactly: (c * x) >> 16 = ((c + 2^15) >> 16) * x + mulhi(low half
+// of c as signed, x); one pmaddwd of the word [mulhi | (c + 2^15) >> 16]
+// with the sample word [1 | x] adds both. The coefficient step likewise:
+// (d * g') >> 16 = (d >> 16) * g' + mulhi of d's unsigned low half, the
+// first part one pmaddwd of [d >> 16 | d >> 16] with g' split into two
+// halves below 2^15 (g' < 65536 at 128 entries per tap).
 struct X86 {
     static constexpr int kFractionShift = 0;
     static constexpr bool kSlots = true;
