@@ -6,10 +6,12 @@
 // output sample; the ratio (speexdsp's time over ours) is taken per round,
 // then the median over rounds.
 //
-//   sinc_vs_speex [--rounds N] [--seconds S]     (default 9 rounds of 10 s)
+//   sinc_vs_speex [--rounds N] [--seconds S] [--pair IN:OUT]
+//   (default 9 rounds of 10 s, the four pairs below)
 #include <speex/speex_resampler.h>
 
 #include <algorithm>
+#include <iterator>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -93,13 +95,18 @@ double median(std::vector<double> v) {
 int main(int argc, char **argv) {
     int rounds = 9;
     double seconds = 10.0;
+    std::vector<Pair> pairs(std::begin(kPairs), std::end(kPairs));
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--rounds") == 0 && i + 1 < argc) {
             rounds = std::atoi(argv[++i]);
         } else if (std::strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) {
             seconds = std::atof(argv[++i]);
+        } else if (Pair p{}; std::strcmp(argv[i], "--pair") == 0 && i + 1 < argc &&
+                   std::sscanf(argv[++i], "%u:%u", &p.in, &p.out) == 2 && p.in >= 100 && p.out >= 100 &&
+                   p.out <= 8 * p.in && 8 * p.out >= p.in) {
+            pairs = {p};
         } else {
-            std::fprintf(stderr, "usage: sinc_vs_speex [--rounds N] [--seconds S]\n");
+            std::fprintf(stderr, "usage: sinc_vs_speex [--rounds N] [--seconds S] [--pair IN:OUT]\n");
             return 2;
         }
     }
@@ -110,7 +117,7 @@ int main(int argc, char **argv) {
     std::printf("Engine: %s. %d rounds of %.3g s of mono noise per pair; median ns per output sample.\n\n",
                 BenchEngineName(), rounds, seconds);
     std::printf("| pair | ours (ns/out) | speexdsp q3 (ns/out) | speexdsp / ours |\n|---|---|---|---|\n");
-    for (const Pair &p : kPairs) {
+    for (const Pair &p : pairs) {
         std::mt19937 rng(p.in + p.out);
         std::uniform_int_distribution<int> d(-32768, 32767);
         std::vector<int16_t> noise(static_cast<size_t>(seconds * p.in));
