@@ -16,7 +16,7 @@ const KernelSet kScalarKernels{
     "scalar",
     {"scalar", up::fir2to3_scalar, up::fir1to2_scalar, up::fir1to3_scalar, up::fir1to4_scalar, up::fir1to6_scalar},
     {down::fir2to1_scalar, down::fir3to1_scalar, down::fir4to1_scalar, down::fir6to1_scalar, down::fir3to2_scalar},
-    sinc_accumulate_scalar,
+    sinc_run_scalar,
     linear_expand_scalar,
     linear_shrink_scalar,
 };
