@@ -27,6 +27,8 @@
 //     than one step cannot make positions wrap.
 #include <cstring>
 
+#include <pthread.h>
+
 #include "rsmpl/context.hpp"
 #include "rsmpl/engine.hpp"
 #include "rsmpl/rsmpl.h"
@@ -70,31 +72,39 @@ void sinc_run_scalar(const SincRun &r, int16_t *out) {
     }
 }
 
-const SincRows &sinc_rows() {
-    // Filled in place, once (thread-safe static): 81 KB never sit on a stack.
-    struct Built : SincRows {
-        Built() {
-            for (int32_t &v : wingPadded) v = 0;
-            for (int32_t &v : deltaPadded) v = 0;
-            for (int j = 0; j < kSincWingLength; ++j) {
-                wingPadded[kPaddedZero + j] = sincWing[j];
-                deltaPadded[kPaddedZero + j] = sincWingDelta[j];
-            }
-            for (int p = 0; p <= 128; ++p)
-                for (int m = 0; m < 16; ++m) {
-                    const int j = p + 128 * m;
-                    const int32_t w = j < kSincWingLength ? sincWing[j] : 0;
-                    const int32_t d = j < kSincWingLength ? sincWingDelta[j] : 0;
-                    wing[p][m] = wingRev[p][15 - m] = w;
-                    delta[p][m] = deltaRev[p][15 - m] = d;
-                    const uint32_t high = static_cast<uint32_t>(d) >> 16;
-                    deltaHigh[p][m] = deltaHighRev[p][15 - m] = high | high << 16;
-                    deltaLow[p][m] = deltaLowRev[p][15 - m] = static_cast<uint32_t>(d) & 0xFFFFu;
-                }
+namespace {
+
+// Filled in place, once, under pthread_once rather than as a guarded static:
+// librsmpl must not need libstdc++, and 81 KB never sit on a stack.
+SincRows g_rows;
+pthread_once_t g_rows_once = PTHREAD_ONCE_INIT;
+
+void fill_rows() {
+    SincRows &t = g_rows;
+    for (int32_t &v : t.wingPadded) v = 0;
+    for (int32_t &v : t.deltaPadded) v = 0;
+    for (int j = 0; j < kSincWingLength; ++j) {
+        t.wingPadded[SincRows::kPaddedZero + j] = sincWing[j];
+        t.deltaPadded[SincRows::kPaddedZero + j] = sincWingDelta[j];
+    }
+    for (int p = 0; p <= 128; ++p)
+        for (int m = 0; m < 16; ++m) {
+            const int j = p + 128 * m;
+            const int32_t w = j < kSincWingLength ? sincWing[j] : 0;
+            const int32_t d = j < kSincWingLength ? sincWingDelta[j] : 0;
+            t.wing[p][m] = t.wingRev[p][15 - m] = w;
+            t.delta[p][m] = t.deltaRev[p][15 - m] = d;
+            const uint32_t high = static_cast<uint32_t>(d) >> 16;
+            t.deltaHigh[p][m] = t.deltaHighRev[p][15 - m] = high | high << 16;
+            t.deltaLow[p][m] = t.deltaLowRev[p][15 - m] = static_cast<uint32_t>(d) & 0xFFFFu;
         }
-    };
-    static const Built rows;
-    return rows;
+}
+
+}  // namespace
+
+const SincRows &sinc_rows() {
+    pthread_once(&g_rows_once, fill_rows);
+    return g_rows;
 }
 
 }  // namespace rsmpl
