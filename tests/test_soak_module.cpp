@@ -30,7 +30,6 @@ using rsmpl_test::soak::Lockstep;
 using rsmpl_test::soak::Signal;
 
 const bool g_plugin_dir_set = rsmpl_test::use_built_module();
-
 const bool g_config_released = rsmpl_test::release_alsa_config_after_tests();
 
 struct Case {
