@@ -22,7 +22,6 @@
 
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_rate.h>
-#include <dlfcn.h>
 
 #include <algorithm>
 #include <chrono>
@@ -41,6 +40,7 @@
 #endif
 
 #include "engine.hpp"
+#include "harness/alsa_harness.hpp"
 #include <rsmpl/rsmpl.h>
 
 #ifndef RSMPL_MODULE_PATH
@@ -316,22 +316,16 @@ void RegisterSinc() {
 // ---- The plug-in's conversion, through the built module ----------------------
 
 struct Module {
-    void *handle = nullptr;
     snd_pcm_rate_open_func_t open = nullptr;
     std::string error;
 };
 
 const Module &LoadModule() {
     static const Module m = [] {
+        static rsmpl_harness::Module module(RSMPL_MODULE_PATH);
         Module mod;
-        mod.handle = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (mod.handle == nullptr) {
-            const char *e = dlerror();
-            mod.error = e ? e : "dlopen failed";
-            return mod;
-        }
-        mod.open = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(mod.handle, "_snd_pcm_rate_rsmplrate_open"));
-        if (mod.open == nullptr) mod.error = "module has no _snd_pcm_rate_rsmplrate_open";
+        mod.open = module.entry("rsmplrate");
+        if (mod.open == nullptr) mod.error = module.error();
         return mod;
     }();
     return m;

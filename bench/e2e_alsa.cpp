@@ -18,13 +18,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <glob.h>
 #include <map>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 #include "engine.hpp"
+#include "harness/alsa_harness.hpp"
 
 #ifndef RSMPL_MODULE_PATH
 #define RSMPL_MODULE_PATH ""
@@ -116,15 +116,16 @@ public:
             return false;
         }
         dir_ = tmpl;
-        glob_t g{};
-        const std::string pattern = opt.system_dir + "/*.so";
-        if (glob(pattern.c_str(), 0, nullptr, &g) == 0) {
-            for (size_t i = 0; i < g.gl_pathc; ++i) Link(g.gl_pathv[i]);
-        }
-        globfree(&g);
-        if (!opt.module.empty()) Link(opt.module);
-        if (!opt.module.empty()) Link(opt.module, "libasound_module_rate_rsmplrate_best.so");
-        if (!opt.copy_module.empty()) Link(opt.copy_module);
+        std::vector<std::pair<std::string, std::string>> ours;
+        auto add = [&](const std::string &target, std::string base = "") {
+            if (target.empty()) return;
+            if (base.empty()) base = target.substr(target.find_last_of('/') + 1);
+            ours.emplace_back(base, target);
+        };
+        add(opt.module);
+        add(opt.module, "libasound_module_rate_rsmplrate_best.so");
+        add(opt.copy_module);
+        links_ = rsmpl_harness::link_plugin_dir(dir_, opt.system_dir, ours);
         return true;
     }
     ~PluginDir() {
@@ -134,12 +135,6 @@ public:
     const std::string &path() const { return dir_; }
 
 private:
-    void Link(const std::string &target, std::string base = "") {
-        if (base.empty()) base = target.substr(target.find_last_of('/') + 1);
-        const std::string link = dir_ + "/" + base;
-        unlink(link.c_str());  // a module we built wins over an installed one of the same name
-        if (symlink(target.c_str(), link.c_str()) == 0) links_.push_back(link);
-    }
     std::string dir_;
     std::vector<std::string> links_;
 };
@@ -162,84 +157,46 @@ std::vector<int16_t> MakeSignal(unsigned rate) {
     return s;
 }
 
-std::string ConfigText(const Converter &conv, const RatePair &pair) {
-    char buf[512];
-    std::snprintf(buf, sizeof buf,
-                  "pcm.bench {\n"
-                  "  type rate\n"
-                  "  slave { pcm { type null } rate %u format S16_LE }\n"
-                  "  converter \"%s\"\n"
-                  "}\n",
-                  pair.out, conv.name);
-    return buf;
-}
-
 // Opens and configures the PCM, checks from its dump that the converter ran.
-snd_pcm_t *OpenPcm(const Converter &conv, const RatePair &pair, Cell *cell, bool verbose) {
-    snd_config_t *top = nullptr;
-    snd_input_t *in = nullptr;
-    const std::string text = ConfigText(conv, pair);
-    if (snd_config_top(&top) < 0 || snd_input_buffer_open(&in, text.c_str(), static_cast<ssize_t>(text.size())) < 0) {
-        cell->failure = "cannot build the configuration";
-        if (top) snd_config_delete(top);
-        return nullptr;
-    }
-    int err = snd_config_load(top, in);
-    snd_input_close(in);
-    snd_pcm_t *pcm = nullptr;
-    if (err >= 0) err = snd_pcm_open_lconf(&pcm, "bench", SND_PCM_STREAM_PLAYBACK, 0, top);
-    snd_config_delete(top);
+bool OpenPcm(rsmpl_harness::Pcm &pcm, const Converter &conv, const RatePair &pair, Cell *cell, bool verbose) {
+    int err = pcm.open(rsmpl_harness::rate_config("bench", conv.name, pair.out), "bench");
     if (err < 0) {
-        cell->failure = std::string("open: ") + snd_strerror(err);
-        return nullptr;
+        cell->failure = std::strcmp(pcm.step(), "config") == 0 ? "cannot build the configuration"
+                                                                : std::string("open: ") + snd_strerror(err);
+        return false;
     }
-
     const snd_pcm_uframes_t period = pair.in / kPeriodsPerSecond;
-    snd_pcm_hw_params_t *hw;
-    snd_pcm_hw_params_alloca(&hw);
-    snd_pcm_uframes_t got_period = period;
-    snd_pcm_uframes_t buffer = period * kBufferPeriods;
-    const char *step = "hw_params_any";
-    err = snd_pcm_hw_params_any(pcm, hw);
-    if (err >= 0) step = "access", err = snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED);
-    if (err >= 0) step = "format", err = snd_pcm_hw_params_set_format(pcm, hw, SND_PCM_FORMAT_S16_LE);
-    if (err >= 0) step = "channels", err = snd_pcm_hw_params_set_channels(pcm, hw, kChannels);
-    if (err >= 0) step = "rate", err = snd_pcm_hw_params_set_rate(pcm, hw, pair.in, 0);
-    if (err >= 0) step = "period", err = snd_pcm_hw_params_set_period_size(pcm, hw, period, 0);
-    if (err >= 0) step = "buffer", err = snd_pcm_hw_params_set_buffer_size_near(pcm, hw, &buffer);
-    if (err >= 0) step = "hw_params", err = snd_pcm_hw_params(pcm, hw);
-    if (err >= 0) step = "period readback", err = snd_pcm_hw_params_get_period_size(hw, &got_period, nullptr);
-    if (err >= 0 && got_period != period) err = -EINVAL;
+    rsmpl_harness::HwSetup hw;
+    hw.channels = kChannels;
+    hw.rate = pair.in;
+    hw.period = rsmpl_harness::Length::in_frames(period, true);
+    hw.buffer = rsmpl_harness::Length::in_frames(period * kBufferPeriods);
+    err = pcm.configure(hw);
+    const char *step = pcm.step();
+    if (err >= 0 && pcm.period_size() != period) step = "period readback", err = -EINVAL;
     if (err < 0) {
         cell->failure = std::string(step) + ": " + snd_strerror(err);
-        snd_pcm_close(pcm);
-        return nullptr;
+        pcm.close();
+        return false;
     }
 
-    snd_output_t *out = nullptr;
-    snd_output_buffer_open(&out);
-    snd_pcm_dump(pcm, out);
-    char *dump = nullptr;
-    snd_output_buffer_string(out, &dump);
-    const std::string dump_text = dump ? dump : "";
-    snd_output_close(out);
+    const std::string dump_text = rsmpl_harness::dump(pcm.get());
     if (verbose) std::fprintf(stderr, "---- %s %u -> %u\n%s", conv.name, pair.in, pair.out, dump_text.c_str());
-    const size_t at = dump_text.find(conv.marker);
-    if (at == std::string::npos) {
+    cell->dump_line = rsmpl_harness::line_with(dump_text, conv.marker);
+    if (cell->dump_line.empty()) {
         cell->failure = "another converter ran (not found in snd_pcm_dump)";
-        snd_pcm_close(pcm);
-        return nullptr;
+        pcm.close();
+        return false;
     }
-    const size_t eol = dump_text.find('\n', at);
-    cell->dump_line = dump_text.substr(at, eol == std::string::npos ? std::string::npos : eol - at);
-    return pcm;
+    return true;
 }
 
 // One measurement: CPU seconds spent per second of audio written.
 bool Measure(const Converter &conv, const RatePair &pair, const std::vector<int16_t> &signal, double seconds,
              Cell *cell, bool verbose) {
-    snd_pcm_t *pcm = OpenPcm(conv, pair, cell, verbose);
-    if (pcm == nullptr) return false;
+    rsmpl_harness::Pcm handle;
+    if (!OpenPcm(handle, conv, pair, cell, verbose)) return false;
+    snd_pcm_t *pcm = handle.get();
     const unsigned period = pair.in / kPeriodsPerSecond;
     const long periods = std::max(1L, std::lround(seconds * kPeriodsPerSecond));
     int err = snd_pcm_prepare(pcm);
@@ -259,7 +216,7 @@ bool Measure(const Converter &conv, const RatePair &pair, const std::vector<int1
     if (err >= 0) err = write_periods(periods);
     const double t1 = ThreadCpuSeconds();
     snd_pcm_drop(pcm);
-    snd_pcm_close(pcm);
+    handle.close();
     if (err < 0) {
         cell->failure = std::string("write: ") + snd_strerror(err);
         return false;
@@ -337,7 +294,7 @@ int main(int argc, char **argv) {
         return 1;
     }
     // alsa-lib reads this once, at its first module load: set it before any snd_* call.
-    setenv("ALSA_PLUGIN_DIR", plugin_dir.path().c_str(), 1);
+    rsmpl_harness::use_plugin_dir(plugin_dir.path());
 
     const size_t num_pairs = opt.max_pairs;
     std::vector<std::vector<int16_t>> signals;

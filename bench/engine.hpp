@@ -1,5 +1,5 @@
 // The one place that names the arithmetic engine the benchmarks measure:
-// the kernel set the library chose (rsmpl/engine.hpp), which RSMPL_ENGINE
+// the kernel set the library chose (rsmpl/engine/engine.hpp), which RSMPL_ENGINE
 // can force. The module loaded for the plug-in benchmarks chooses alike.
 #pragma once
 

@@ -11,7 +11,6 @@
 // leaks (LeakSanitizer, per input).
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_rate.h>
-#include <dlfcn.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -20,6 +19,7 @@
 #include <string>
 
 #include "fuzz_support.hpp"
+#include "harness/alsa_harness.hpp"
 
 namespace {
 
@@ -28,15 +28,21 @@ using rsmpl_fuzz::Reader;
 
 void quiet(const char *, int, const char *, int, const char *, ...) {}
 
-snd_pcm_rate_open_func_t module_open() {
-    static const snd_pcm_rate_open_func_t open = [] {
+// Loaded once and never unloaded: reports at exit still resolve the module's frames.
+snd_pcm_rate_open_func_t entry(const char *converter) {
+    static auto *module = [] {
         snd_lib_error_set_handler(quiet);
-        void *handle = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (handle == nullptr) rsmpl_fuzz::fail(__FILE__, __LINE__, dlerror());
-        auto fn = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle, "_snd_pcm_rate_rsmplrate_open"));
-        if (fn == nullptr) rsmpl_fuzz::fail(__FILE__, __LINE__, "no entry point");
-        return fn;
+        auto *m = new rsmpl_harness::Module;
+        if (!m->ok()) rsmpl_fuzz::fail(__FILE__, __LINE__, m->error().c_str());
+        return m;
     }();
+    auto fn = module->entry(converter);
+    if (fn == nullptr) rsmpl_fuzz::fail(__FILE__, __LINE__, module->error().c_str());
+    return fn;
+}
+
+snd_pcm_rate_open_func_t module_open() {
+    static const snd_pcm_rate_open_func_t open = entry("rsmplrate");
     return open;
 }
 
@@ -218,14 +224,7 @@ void extras(Instance &in) {
 namespace {
 
 void best_open_instance(Instance &in, Reader &r) {
-    static const snd_pcm_rate_open_func_t open = [] {
-        module_open();  // loads the module and silences its reports
-        void *handle = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
-        auto fn = reinterpret_cast<snd_pcm_rate_open_func_t>(
-            handle ? dlsym(handle, "_snd_pcm_rate_rsmplrate_best_open") : nullptr);
-        if (fn == nullptr) rsmpl_fuzz::fail(__FILE__, __LINE__, "no rsmplrate_best entry point");
-        return fn;
-    }();
+    static const snd_pcm_rate_open_func_t open = entry("rsmplrate_best");
     const uint32_t version = pick_version(r);
     std::memset(&in.host, 0xA5, sizeof in.host);
     FUZZ_CHECK(open(version, &in.obj, &in.host.ops) == 0);

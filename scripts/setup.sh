@@ -4,8 +4,8 @@
 #   --test     the test suite: GoogleTest, Google Benchmark (its smoke tests),
 #              aplay, clang's libFuzzer, valgrind, and the AArch64 cross
 #              toolchain with qemu-user and the arm64 libraries, pybind11,
-#              numpy and pytest for the Python module
-#   --bench    Google Benchmark and the peers' plug-ins
+#              numpy and pytest for the Python module, llvm-mca and speexdsp
+#   --bench    Google Benchmark, llvm-mca and speexdsp
 #   --quality  numpy and matplotlib for the quality report
 # Idempotent: asks apt only for what is missing. Works as root or through sudo.
 set -euo pipefail
@@ -19,9 +19,10 @@ for arg in "$@"; do
              clang libclang-rt-14-dev valgrind
              g++-aarch64-linux-gnu qemu-user libstdc++6:arm64 libasound2-dev:arm64 libsndfile1-dev:arm64
              libgtest-dev:arm64 libgmock-dev:arm64
-             python3-dev python3-pybind11 pybind11-dev python3-numpy python3-pytest)
+             python3-dev python3-pybind11 pybind11-dev python3-numpy python3-pytest
+             llvm-19 libspeexdsp-dev)  # the cost estimate's llvm-mca; speexdsp, a comparison in bench/
       cross=1 ;;
-    --bench) pkgs+=(libbenchmark-dev) ;;
+    --bench) pkgs+=(libbenchmark-dev llvm-19 libspeexdsp-dev) ;;
     --quality) pkgs+=(python3-numpy python3-matplotlib) ;;
     *) echo "setup: unknown option $arg" >&2; exit 2 ;;
   esac

@@ -56,6 +56,9 @@ done
 
 unset RSMPL_SOAK_SECONDS
 
+# The AArch64 cost estimate still finds and measures a marked kernel.
+bash scripts/arm-cost.sh --kernel sinc_up --cpu cortex-a55 --no-doc
+
 # Fuzzing: every libFuzzer target for a bounded time (RSMPL_FUZZ_SECONDS
 # each, 40 by default), from its kept corpus and regressions.
 bash scripts/fuzz.sh

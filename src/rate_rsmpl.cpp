@@ -604,7 +604,7 @@ static void rsmplrate_Down(void *obj, int16_t *dst, unsigned int dst_frames,
  * Output above input rate. Writes exactly dst_frames frames and reads at most
  * src_frames; a shortage of input holds the last sample. Each call restarts
  * the fractional position: its first frame is the previous call's last input.
- * The inner loops are the kernel engine's (rsmpl/linear_kernels.hpp); the
+ * The inner loops are the kernel engine's (rsmpl/linear/linear_kernels.hpp); the
  * last-sample memory is the first `channels` entries of sample_buf.
  */
 static void src_linear_expand_s16(void *obj, int16_t *dst, unsigned int dst_frames,

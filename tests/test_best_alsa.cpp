@@ -26,16 +26,7 @@ using rsmpl_test::best::Path;
 const bool g_plugin_dir_set = rsmpl_test::use_built_module();
 const bool g_config_released = rsmpl_test::release_alsa_config_after_tests();
 
-std::string dump_of(snd_pcm_t *pcm) {
-    snd_output_t *out = nullptr;
-    snd_output_buffer_open(&out);
-    snd_pcm_dump(pcm, out);
-    char *text = nullptr;
-    const size_t n = snd_output_buffer_string(out, &text);
-    std::string s(text, n);
-    snd_output_close(out);
-    return s;
-}
+using rsmpl_harness::dump;
 
 // Noise with loud stretches that reach full scale, so saturation shows.
 std::vector<int16_t> test_audio(size_t samples, uint32_t seed) {
@@ -100,8 +91,8 @@ TEST_P(BestAlsa, MatchesTheInterfaceBitForBit) {
     ASSERT_EQ(model.path(), c.path) << "periods " << n << " -> " << m;
     // The inexact cases must really get periods off the rate ratio.
     EXPECT_EQ(std::string(c.name).find("inexact") != std::string::npos, n * c.out_rate != m * c.in_rate);
-    EXPECT_NE(dump_of(pcm.pcm()).find("RSMPL Converter: " + model.dump() + "\n"), std::string::npos)
-        << dump_of(pcm.pcm());
+    EXPECT_NE(dump(pcm.pcm()).find("RSMPL Converter: " + model.dump() + "\n"), std::string::npos)
+        << dump(pcm.pcm());
 
     const size_t periods = 40 + 20000 / n;
     const std::vector<int16_t> in = test_audio(periods * n * ch, c.in_rate + ch);
@@ -184,26 +175,12 @@ TEST(BestAlsaSetup, RepeatedSetupsAndRestartsStartFresh) {
 // Opens `device` from `text` (an alsa configuration), sets a stereo 44.1 kHz
 // S16 stream up and returns the dump.
 std::string setup_dump(const std::string &text, const char *device) {
-    snd_config_t *conf = nullptr;
-    if (snd_config_load_string(&conf, text.c_str(), 0) < 0) return "config not loaded";
-    snd_pcm_t *pcm = nullptr;
-    std::string dump = "not opened";
-    if (snd_pcm_open_lconf(&pcm, device, SND_PCM_STREAM_PLAYBACK, 0, conf) == 0) {
-        snd_pcm_hw_params_t *hw = nullptr;
-        snd_pcm_hw_params_alloca(&hw);
-        snd_pcm_hw_params_any(pcm, hw);
-        snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED);
-        snd_pcm_hw_params_set_format(pcm, hw, SND_PCM_FORMAT_S16_LE);
-        snd_pcm_hw_params_set_channels(pcm, hw, 2);
-        snd_pcm_hw_params_set_rate(pcm, hw, 44100, 0);
-        unsigned period_us = 20000, buffer_us = 80000;
-        snd_pcm_hw_params_set_period_time_near(pcm, hw, &period_us, nullptr);
-        snd_pcm_hw_params_set_buffer_time_near(pcm, hw, &buffer_us, nullptr);
-        dump = snd_pcm_hw_params(pcm, hw) == 0 ? dump_of(pcm) : "hw_params failed";
-        snd_pcm_close(pcm);
-    }
-    snd_config_delete(conf);
-    return dump;
+    rsmpl_harness::Pcm pcm;
+    if (pcm.open(text, device) < 0) return "not opened";
+    rsmpl_harness::HwSetup hw;
+    hw.channels = 2;
+    hw.rate = 44100;
+    return pcm.configure(hw) == 0 ? dump(pcm.get()) : "hw_params failed";
 }
 
 // As alsa-lib's default converter (under a plug PCM), and through the

@@ -5,7 +5,6 @@
 // calls that break the period ratio still write exactly dst_frames.
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_rate.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "best_model.hpp"
+#include "harness/alsa_harness.hpp"
 
 namespace {
 
@@ -33,25 +33,12 @@ void collect(const char *file, int, const char *function, int err, const char *f
 
 class Converter {
 public:
-    Converter() {
-        handle_ = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (handle_ == nullptr) return;
-        auto open = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle_, "_snd_pcm_rate_rsmplrate_best_open"));
-        if (open != nullptr && open(SND_PCM_RATE_PLUGIN_VERSION, &obj_, &ops_) == 0) ok_ = true;
-    }
-    ~Converter() {
-        if (ok_) {
-            ops_.free(obj_);
-            ops_.close(obj_);
-        }
-        if (handle_ != nullptr) dlclose(handle_);
-    }
-    bool ok() const { return ok_; }
-    snd_pcm_rate_ops_t &ops() { return ops_; }
-    void *obj() { return obj_; }
+    bool ok() const { return conv_.status() == 0; }
+    snd_pcm_rate_ops_t &ops() { return conv_.ops(); }
+    void *obj() { return conv_.obj(); }
     std::vector<int16_t> convert(const std::vector<int16_t> &in, unsigned ch, unsigned src, unsigned dst) {
         std::vector<int16_t> out(size_t(dst) * ch + 64, 0x5A5A);
-        ops_.convert_s16(obj_, out.data(), dst, in.data(), src);
+        ops().convert_s16(obj(), out.data(), dst, in.data(), src);
         for (size_t i = size_t(dst) * ch; i < out.size(); ++i)
             if (out[i] != 0x5A5A) ADD_FAILURE() << "written past dst_frames";
         out.resize(size_t(dst) * ch);
@@ -59,10 +46,8 @@ public:
     }
 
 private:
-    void *handle_ = nullptr;
-    void *obj_ = nullptr;
-    snd_pcm_rate_ops_t ops_{};
-    bool ok_ = false;
+    rsmpl_harness::Module module_;
+    rsmpl_harness::Converter conv_{module_.entry("rsmplrate_best")};
 };
 
 snd_pcm_rate_info_t info(unsigned in_rate, unsigned out_rate, unsigned ch, snd_pcm_uframes_t pin,

@@ -1,10 +1,11 @@
 // Every kernel engine the machine runs against the scalar reference, bit for
-// bit: the ten FIR kernels and the sinc interpolator's per-output sum, on
+// bit: the ten FIR kernels and the sinc interpolator's output runs, on
 // random, full-scale and sign-matched data, for counts that end inside the
 // vector body, inside the tail, and in both, in place and with separate
 // buffers. The lane bounds that make the 32-bit partial sums exact are
 // recomputed here from the compiled tables.
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -393,50 +394,56 @@ TEST_P(FirEngine, SignMatchedFullScaleWindows) {
 INSTANTIATE_TEST_SUITE_P(AllKernels, FirEngine, ::testing::Range<size_t>(0, 10),
                          [](const auto &info) { return std::string(firs()[info.param].name); });
 
-// ---- Sinc interpolator's sum ----------------------------------------------------
+// ---- Sinc interpolator ------------------------------------------------------------
 
-struct SincCall {
-    int32_t c, left_first, left_last, right_last;
-    uint32_t t0, table_step;
-    int shift;
+struct SincRatio {
+    double ratio;  // output over input rate
+    const char *label;
 };
 
-// Random, full-scale and alternating full-scale samples (where the 32-bit sum
-// wraps, in both forms alike) under every tap layout and ratio.
-TEST(SincEngine, EveryTapLayoutAndRatioMatchesTheScalarSum) {
-    std::vector<Samples> inputs = {rsmpl_test::hostile_samples(RSMPL_HISTORY_SAMPLES, 8),
-                                   Samples(RSMPL_HISTORY_SAMPLES, INT16_MIN), Samples(RSMPL_HISTORY_SAMPLES, INT16_MAX)};
-    inputs.push_back(inputs[1]);
-    for (size_t i = 0; i < RSMPL_HISTORY_SAMPLES; i += 2) inputs.back()[i] = INT16_MAX;
-    std::mt19937 rng(3);
-    std::vector<SincCall> calls;
-    // Table steps of ratios 8 .. 1/8 (128 entries per sample down to 16), odd
-    // fractional steps included; half-lengths 13 .. 104; centres near both ends.
-    const uint32_t steps[] = {0x800000u, 0x7FFFFFu, 0x400000u, 0x2AAAABu, 0x1D6666u, 0x100000u, 0x754321u, 0x4CCCCDu};
-    for (uint32_t T : steps)
-        for (int32_t h : {1, 7, 13, 26, 39, 104})
-            for (int shift = 0; shift <= 3; ++shift)
-                for (int rep = 0; rep < 6; ++rep) {
-                    const int32_t c = h + static_cast<int32_t>(rng() % static_cast<uint32_t>(RSMPL_HISTORY_SAMPLES - 2 * h));
-                    const uint32_t f = rng() & 0xFFFFu;
-                    const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * T) >> 16);
-                    const int32_t left_first = rep == 1 ? static_cast<int32_t>(rng() % static_cast<uint32_t>(h + 1)) : 0;
-                    const int32_t right_last = rep == 2 ? static_cast<int32_t>(rng() % static_cast<uint32_t>(h + 1)) : h;
-                    calls.push_back({c, left_first, h, right_last, rep == 3 ? 0xFFFFFFFFu - T : t0, T, shift});
-                }
-    // Positions past the table's end read zero coefficients.
-    calls.push_back({200, 0, 104, 104, 0x00FFFFu, 0x1000000u, 0});
-    calls.push_back({200, 0, 13, 13, 0x7FFFFFu, 0x900000u, 2});
+// Runs as the interpolator makes them: step, table step and half-length of
+// one ratio, a block of `valid` samples, positions from p0 up to a little
+// past the block's end (where taps read unreceived samples as zero, and
+// beyond where whole outputs are zero). Random, full-scale and alternating
+// full-scale samples (where the 32-bit sum wraps, in both forms alike), every
+// headroom shift, fractions 0 and 0xFFFF among the random ones.
+TEST(SincEngine, EveryRatioAndPositionMatchesTheScalarRun) {
+    const SincRatio ratios[] = {{8.0, "8"},          {6.0, "6"},          {3.0, "3"},           {2.0, "2"},
+                                {48000.0 / 44100, "48/44.1"}, {1.0, "1"}, {1.00001, "1.00001"}, {0.99995, "0.99995"},
+                                {44100.0 / 48000, "44.1/48"}, {0.7, "0.7"}, {0.5, "1/2"},   {1.0 / 3, "1/3"},
+                                {0.2, "0.2"},        {0.125, "1/8"}};
+    std::mt19937 rng(16);
     for (const KernelSet *e : vector_engines())
-        for (size_t in = 0; in < inputs.size(); ++in)
-            for (const SincCall &k : calls) {
-                const int16_t *x = inputs[in].data();
-                ASSERT_EQ(e->sinc(x, k.c, k.left_first, k.left_last, k.right_last, k.t0, k.table_step, k.shift),
-                          rsmpl::sinc_accumulate_scalar(x, k.c, k.left_first, k.left_last, k.right_last, k.t0,
-                                                        k.table_step, k.shift))
-                    << e->name << ", input " << in << ": c " << k.c << ", k " << k.left_first << ".." << k.left_last
-                    << " / 1.." << k.right_last << ", t0 " << k.t0 << ", T " << k.table_step << ", shift " << k.shift;
-            }
+        for (const SincRatio &q : ratios)
+            for (int shift = 0; shift <= 3; ++shift)
+                for (int rep = 0; rep < 5; ++rep) {
+                    const double inv = 1.0 / q.ratio;
+                    const int32_t h = q.ratio < 1.0 ? static_cast<int32_t>(inv * 13.0) : 13;
+                    const auto step = static_cast<uint32_t>(std::lround(inv * 16777216.0));
+                    const auto tableStep = static_cast<uint32_t>(std::lround(std::min(q.ratio, 1.0) * 128.0 * 65536.0));
+                    const int32_t room = RSMPL_HISTORY_SAMPLES - (2 * h + 1);
+                    const int32_t block = rep == 0 ? room : 1 + static_cast<int32_t>(rng() % static_cast<uint32_t>(room));
+                    const int32_t valid = 2 * h + 1 + block;
+                    // Exactly `valid` samples, so a read past them is caught under ASan.
+                    Samples x = rsmpl_test::hostile_samples(static_cast<size_t>(valid), rng());
+                    if (rep == 1) std::fill(x.begin(), x.end(), INT16_MIN);
+                    if (rep == 2)
+                        for (size_t i = 0; i < x.size(); ++i) x[i] = i % 2 ? INT16_MIN : INT16_MAX;
+                    uint32_t p0 = rng() % (4u << 16);
+                    if (rep == 3) p0 = 0xFFFFu;
+                    if (rep == 4) p0 = (static_cast<uint32_t>(block) + rng() % 30u) << 16 | (rng() & 0xFFFFu);
+                    uint32_t count = 0;
+                    while (count < 12000 && (p0 + rsmpl::sinc_advance(step, count)) >> 16 < static_cast<uint32_t>(block + 2 * h))
+                        ++count;
+                    if (count == 0) count = 1;
+                    const rsmpl::SincRun run{x.data(), valid, h, p0, step, tableStep,
+                                             static_cast<uint32_t>(rng() % (1u << 24)) + 1, shift, count};
+                    Samples want(count + 8, 0x5A5A), got(count + 8, 0x5A5A);
+                    rsmpl::sinc_run_scalar(run, want.data());
+                    e->sinc(run, got.data());
+                    ASSERT_EQ(got, want) << e->name << ", ratio " << q.label << ", shift " << shift << ", rep " << rep
+                                         << ", valid " << valid << ", p0 " << p0 << ", count " << count;
+                }
 }
 
 // ---- Linear converter ------------------------------------------------------------

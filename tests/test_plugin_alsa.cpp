@@ -11,7 +11,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -28,13 +27,7 @@ using rsmpl_test::random_samples;
 
 constexpr uint32_t DIV = 0x80000;
 
-// Before anything in alsa-lib runs: it reads the variable when it first
-// looks for a converter.
-const bool g_plugin_dir_set = [] {
-    const std::string dir = std::filesystem::path(RSMPL_MODULE_PATH).parent_path().string();
-    return setenv("ALSA_PLUGIN_DIR", dir.c_str(), 1) == 0;
-}();
-
+const bool g_plugin_dir_set = rsmpl_test::use_built_module();
 const bool g_config_released = rsmpl_test::release_alsa_config_after_tests();
 
 struct Stream {
@@ -46,15 +39,6 @@ struct Stream {
     std::vector<int16_t> out;     // interleaved S16 as the slave received it
 };
 
-std::vector<snd_pcm_uframes_t> period_sizes(const std::string &dump) {
-    std::vector<snd_pcm_uframes_t> sizes;
-    for (size_t pos = 0; (pos = dump.find("period_size", pos)) != std::string::npos; ++pos) {
-        const size_t colon = dump.find(':', pos);
-        sizes.push_back(std::strtoul(dump.c_str() + colon + 1, nullptr, 10));
-    }
-    return sizes;
-}
-
 // Plays `in` (interleaved signed 16-bit, sent in `format`) through the rate
 // PCM and returns what reached the slave.
 // A non-zero `period` asks for that client period size instead of 20 ms.
@@ -63,59 +47,31 @@ Stream play(unsigned in_rate, unsigned out_rate, unsigned channels, const std::v
     Stream s;
     const int fd = memfd_create("rsmpl-alsa-test", 0);
     EXPECT_GE(fd, 0);
-    char text[512];
-    std::snprintf(text, sizeof(text),
-                  "pcm.test { type rate converter \"rsmplrate\" slave {"
-                  " pcm { type file slave.pcm { type null } file %d format raw }"
-                  " rate %u format S16_LE } }",
-                  fd, out_rate);
-    snd_config_t *conf = nullptr;
-    EXPECT_EQ(snd_config_load_string(&conf, text, 0), 0);
-
-    snd_pcm_t *pcm = nullptr;
-    int err = snd_pcm_open_lconf(&pcm, "test", SND_PCM_STREAM_PLAYBACK, 0, conf);
+    rsmpl_harness::Pcm pcm;
+    int err = pcm.open(rsmpl_harness::rate_config("test", "rsmplrate", out_rate, fd), "test");
     EXPECT_EQ(err, 0) << snd_strerror(err);
     if (err < 0) {
-        snd_config_delete(conf);
         close(fd);
         s.setup_err = err;
         s.failed_step = "open";
         return s;
     }
-    snd_pcm_hw_params_t *hw = nullptr;
-    snd_pcm_hw_params_malloc(&hw);
-    snd_pcm_hw_params_any(pcm, hw);
-    unsigned period_us = 20000, buffer_us = 80000;
-    auto step = [&](const char *name, int e) {
-        if (s.setup_err == 0 && e < 0) {
-            s.setup_err = e;
-            s.failed_step = name;
-        }
-    };
-    step("access", snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED));
-    step("format", snd_pcm_hw_params_set_format(pcm, hw, format));
-    step("channels", snd_pcm_hw_params_set_channels(pcm, hw, channels));
-    step("rate", snd_pcm_hw_params_set_rate(pcm, hw, in_rate, 0));
+    rsmpl_harness::HwSetup hw;
+    hw.format = format;
+    hw.channels = channels;
+    hw.rate = in_rate;
     if (period != 0) {
-        snd_pcm_uframes_t buffer = 4 * period;
-        step("period", snd_pcm_hw_params_set_period_size_near(pcm, hw, &period, nullptr));
-        step("buffer", snd_pcm_hw_params_set_buffer_size_near(pcm, hw, &buffer));
-    } else {
-        step("period", snd_pcm_hw_params_set_period_time_near(pcm, hw, &period_us, nullptr));
-        step("buffer", snd_pcm_hw_params_set_buffer_time_near(pcm, hw, &buffer_us, nullptr));
+        hw.period = rsmpl_harness::Length::in_frames(period);
+        hw.buffer = rsmpl_harness::Length::in_frames(4 * period);
     }
-    if (s.setup_err == 0) step("hw_params", snd_pcm_hw_params(pcm, hw));
-    snd_pcm_hw_params_free(hw);
+    if (int e = pcm.configure(hw); e < 0) {
+        s.setup_err = e;
+        s.failed_step = pcm.step();
+    }
 
     if (s.setup_err == 0) {
-        snd_output_t *out = nullptr;
-        snd_output_buffer_open(&out);
-        snd_pcm_dump(pcm, out);
-        char *dump = nullptr;
-        const size_t n = snd_output_buffer_string(out, &dump);
-        s.dump.assign(dump, n);
-        snd_output_close(out);
-        const auto sizes = period_sizes(s.dump);
+        s.dump = rsmpl_harness::dump(pcm.get());
+        const auto sizes = rsmpl_harness::period_sizes(s.dump);
         if (sizes.size() >= 2) {
             s.in_period = sizes[0];
             s.out_period = sizes[1];
@@ -131,15 +87,14 @@ Stream play(unsigned in_rate, unsigned out_rate, unsigned channels, const std::v
         const snd_pcm_uframes_t frames = in.size() / channels;
         snd_pcm_uframes_t done = 0;
         while (done < frames) {
-            const snd_pcm_sframes_t w = snd_pcm_writei(pcm, bytes.data() + done * channels * width, frames - done);
+            const snd_pcm_sframes_t w = snd_pcm_writei(pcm.get(), bytes.data() + done * channels * width, frames - done);
             EXPECT_GT(w, 0) << snd_strerror(static_cast<int>(w));
             if (w <= 0) break;
             done += static_cast<snd_pcm_uframes_t>(w);
         }
-        EXPECT_EQ(snd_pcm_drain(pcm), 0);
+        EXPECT_EQ(snd_pcm_drain(pcm.get()), 0);
     }
-    snd_pcm_close(pcm);
-    snd_config_delete(conf);
+    pcm.close();
 
     const off_t size = lseek(fd, 0, SEEK_END);
     s.out.resize(static_cast<size_t>(size) / sizeof(int16_t));

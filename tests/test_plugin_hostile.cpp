@@ -2,14 +2,16 @@
 // failing fuzz inputs themselves are replayed from fuzz/regressions/module/).
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_rate.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "harness/alsa_harness.hpp"
 
 namespace {
 
@@ -27,18 +29,17 @@ void capture(const char *, int, const char *, int, const char *fmt, ...) {
 class Hostile : public ::testing::Test {
 protected:
     void SetUp() override {
-        handle_ = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(handle_, nullptr) << dlerror();
-        auto open = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle_, "_snd_pcm_rate_rsmplrate_open"));
-        ASSERT_NE(open, nullptr);
-        ASSERT_EQ(open(0x010002, &obj_, &ops_), 0);
+        ASSERT_TRUE(module_.ok()) << module_.error();
+        conv_ = std::make_unique<rsmpl_harness::Converter>(module_.entry("rsmplrate"), 0x010002);
+        ASSERT_EQ(conv_->status(), 0);
+        obj_ = conv_->obj();
+        ops_ = conv_->ops();
         snd_lib_error_set_handler(capture);
         g_reports.clear();
     }
     void TearDown() override {
         snd_lib_error_set_handler(nullptr);
-        if (obj_ != nullptr) ops_.close(obj_);
-        if (handle_ != nullptr) dlclose(handle_);
+        conv_.reset();
     }
     int adjust(snd_pcm_uframes_t in, snd_pcm_uframes_t out) {
         snd_pcm_rate_info_t info{};
@@ -47,7 +48,8 @@ protected:
         return ops_.adjust_pitch(obj_, &info);
     }
 
-    void *handle_ = nullptr;
+    rsmpl_harness::Module module_;
+    std::unique_ptr<rsmpl_harness::Converter> conv_;
     void *obj_ = nullptr;
     snd_pcm_rate_ops_t ops_{};
 };

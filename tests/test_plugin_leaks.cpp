@@ -6,7 +6,6 @@
 // reports any block lost on the way.
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_rate.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -69,15 +68,14 @@ void ops_cycle(snd_pcm_rate_open_func_t open, unsigned round) {
 constexpr size_t kSlack = 8192;
 
 TEST(PluginLeaks, OpsTableCyclesReleaseEverything) {
-    void *handle = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(handle, nullptr) << dlerror();
-    auto open = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle, "_snd_pcm_rate_rsmplrate_open"));
+    rsmpl_harness::Module module;
+    ASSERT_TRUE(module.ok()) << module.error();
+    auto open = module.entry("rsmplrate");
     ASSERT_NE(open, nullptr);
     for (unsigned round = 0; round < 20; ++round) ops_cycle(open, round);
     const size_t before = heap_in_use();
     for (unsigned round = 20; round < 320; ++round) ops_cycle(open, round);
     EXPECT_LE(heap_in_use(), before + kSlack);
-    dlclose(handle);
 }
 
 // One lifecycle through alsa-lib: the rate PCM's hw_params calls init, its

@@ -5,16 +5,17 @@
 // the reports that reach snd_lib_error).
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_rate.h>
-#include <dlfcn.h>
 #include <malloc.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "harness/alsa_harness.hpp"
 #include "rate_support.hpp"
 #include "support.hpp"
 
@@ -73,21 +74,19 @@ snd_pcm_rate_info_t make_info(unsigned in_rate, unsigned out_rate, unsigned chan
 class PluginOps : public ::testing::Test {
 protected:
     void SetUp() override {
-        handle_ = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(handle_, nullptr) << dlerror();
-        open_ = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle_, "_snd_pcm_rate_rsmplrate_open"));
-        ASSERT_NE(open_, nullptr) << dlerror();
-        ASSERT_EQ(open_(0x010002, &obj_, &ops_), 0);
+        ASSERT_TRUE(module_.ok()) << module_.error();
+        open_ = module_.entry("rsmplrate");
+        ASSERT_NE(open_, nullptr) << module_.error();
+        conv_ = std::make_unique<rsmpl_harness::Converter>(open_, 0x010002);
+        ASSERT_EQ(conv_->status(), 0);
+        obj_ = conv_->obj();
+        ops_ = conv_->ops();
         g_reports.clear();
         snd_lib_error_set_handler(capture_report);
     }
     void TearDown() override {
         snd_lib_error_set_handler(nullptr);
-        if (obj_ != nullptr) {
-            ops_.free(obj_);
-            ops_.close(obj_);
-        }
-        if (handle_ != nullptr) dlclose(handle_);
+        conv_.reset();
     }
     StateView &state() { return *static_cast<StateView *>(obj_); }
 
@@ -111,18 +110,10 @@ protected:
         return std::vector<int16_t>(dst.data(), dst.data() + dst.size());
     }
 
-    std::string dump_text() {
-        snd_output_t *out = nullptr;
-        EXPECT_EQ(snd_output_buffer_open(&out), 0);
-        ops_.dump(obj_, out);
-        char *text = nullptr;
-        const size_t n = snd_output_buffer_string(out, &text);
-        std::string s(text, n);
-        snd_output_close(out);
-        return s;
-    }
+    std::string dump_text() { return rsmpl_harness::dump(ops_, obj_); }
 
-    void *handle_ = nullptr;
+    rsmpl_harness::Module module_;
+    std::unique_ptr<rsmpl_harness::Converter> conv_;
     snd_pcm_rate_open_func_t open_ = nullptr;
     void *obj_ = nullptr;
     snd_pcm_rate_ops_t ops_{};

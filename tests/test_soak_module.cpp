@@ -9,7 +9,6 @@
 // The amount of audio is set in soak_support.hpp.
 #include <alsa/asoundlib.h>
 #include <alsa/pcm_rate.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,12 +30,7 @@ using rsmpl_test::soak::Lockstep;
 using rsmpl_test::soak::Signal;
 
 const bool g_plugin_dir_set = rsmpl_test::use_built_module();
-
-class AlsaEnvironment : public ::testing::Environment {
-public:
-    void TearDown() override { snd_config_update_free_global(); }
-};
-const auto *g_env = ::testing::AddGlobalTestEnvironment(new AlsaEnvironment);
+const bool g_config_released = rsmpl_test::release_alsa_config_after_tests();
 
 struct Case {
     const char *name;
@@ -123,9 +117,7 @@ class OpsReference {
 public:
     OpsReference(const Case &c, snd_pcm_uframes_t in_period, snd_pcm_uframes_t out_period)
         : channels_(c.channels), in_period_(in_period), out_period_(out_period) {
-        handle_ = dlopen(RSMPL_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        auto open = reinterpret_cast<snd_pcm_rate_open_func_t>(dlsym(handle_, "_snd_pcm_rate_rsmplrate_open"));
-        EXPECT_EQ(open(0x010002, &obj_, &ops_), 0);
+        EXPECT_EQ(conv_.status(), 0);
         snd_pcm_rate_info_t info{};
         info.in.format = info.out.format = SND_PCM_FORMAT_S16_LE;
         info.in.rate = c.in_rate;
@@ -136,11 +128,6 @@ public:
         EXPECT_EQ(ops_.init(obj_, &info), 0);
         EXPECT_EQ(ops_.adjust_pitch(obj_, &info), 0);
         ops_.reset(obj_);
-    }
-    ~OpsReference() {
-        ops_.free(obj_);
-        ops_.close(obj_);
-        dlclose(handle_);
     }
     void feed(const int16_t *in, size_t frames, std::vector<int16_t> &out) {
         pending_.insert(pending_.end(), in, in + frames * channels_);
@@ -158,9 +145,10 @@ public:
 private:
     unsigned channels_;
     snd_pcm_uframes_t in_period_, out_period_;
-    void *handle_ = nullptr;
-    void *obj_ = nullptr;
-    snd_pcm_rate_ops_t ops_{};
+    rsmpl_harness::Module module_;
+    rsmpl_harness::Converter conv_{module_.entry("rsmplrate"), 0x010002};
+    void *obj_ = conv_.obj();
+    snd_pcm_rate_ops_t &ops_ = conv_.ops();
     std::vector<int16_t> pending_;
 };
 

@@ -34,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+#include "harness/alsa_harness.hpp"
 #include "rsmpl/engine/engine.hpp"
 
 #ifndef RSMPL_VERSION
@@ -256,32 +257,6 @@ int output_format(int major, unsigned rate, unsigned channels, bool opus) {
     return 0;
 }
 
-// The converter's own lines of a rate PCM dump: between the PCM's title line
-// and the protocol version (or the setup).
-std::string converter_line(snd_pcm_t *pcm) {
-    snd_output_t *out = nullptr;
-    if (snd_output_buffer_open(&out) < 0) return {};
-    snd_pcm_dump(pcm, out);
-    char *text = nullptr;
-    const size_t size = snd_output_buffer_string(out, &text);
-    const std::string dump(text, size);
-    snd_output_close(out);
-
-    std::string result;
-    size_t pos = dump.find("Rate conversion PCM");
-    if (pos == std::string::npos) return {};
-    pos = dump.find('\n', pos);
-    while (pos != std::string::npos && pos + 1 < dump.size()) {
-        const size_t end = dump.find('\n', pos + 1);
-        const std::string line = dump.substr(pos + 1, end == std::string::npos ? std::string::npos : end - pos - 1);
-        if (line.rfind("Protocol version", 0) == 0 || line.rfind("Its setup is", 0) == 0) break;
-        if (!result.empty()) result += "; ";
-        result += line;
-        pos = end;
-    }
-    return result;
-}
-
 struct Setup {
     std::string converter;
     unsigned in_rate = 0, out_rate = 0, channels = 0;
@@ -300,59 +275,38 @@ void choose_periods(Setup &s) {
 
 // A rate PCM with the converter, writing the converted stream to fd; fails
 // with a message when alsa-lib or the converter refuses the set-up.
-snd_pcm_t *open_rate_pcm(const Setup &s, int fd, std::string *line) {
-    char conf_text[512];
-    std::snprintf(conf_text, sizeof(conf_text),
-                  "pcm.rsmpl_convert {\n"
-                  "  type rate\n"
-                  "  converter \"%s\"\n"
-                  "  slave {\n"
-                  "    pcm { type file slave.pcm { type null } file %d format raw }\n"
-                  "    rate %u\n"
-                  "    format S16_LE\n"
-                  "  }\n"
-                  "}\n",
-                  s.converter.c_str(), fd, s.out_rate);
-    snd_config_t *conf = nullptr;
-    snd_input_t *conf_in = nullptr;
-    if (snd_config_top(&conf) < 0 || snd_input_buffer_open(&conf_in, conf_text, -1) < 0)
-        fail("cannot build the alsa-lib configuration");
-    int err = snd_config_load(conf, conf_in);
-    snd_input_close(conf_in);
-    if (err < 0) fail("cannot build the alsa-lib configuration");
-
-    snd_pcm_t *pcm = nullptr;
-    err = snd_pcm_open_lconf(&pcm, "rsmpl_convert", SND_PCM_STREAM_PLAYBACK, 0, conf);
-    snd_config_delete(conf);
+void open_rate_pcm(rsmpl_harness::Pcm &pcm, const Setup &s, int fd, std::string *line) {
+    int err = pcm.open(rsmpl_harness::rate_config("rsmpl_convert", s.converter, s.out_rate, fd), "rsmpl_convert");
+    if (err < 0 && std::strcmp(pcm.step(), "config") == 0) fail("cannot build the alsa-lib configuration");
     if (err < 0)
         fail("cannot open alsa-lib's rate PCM with converter '" + s.converter + "': " + snd_strerror(err) +
              " (is libasound_module_rate_" + s.converter +
              ".so in alsa-lib's plug-in directory or in $ALSA_PLUGIN_DIR?)");
 
-    snd_pcm_hw_params_t *hw = nullptr;
-    snd_pcm_hw_params_alloca(&hw);
-    snd_pcm_hw_params_any(pcm, hw);
-    const std::string what = "converter '" + s.converter + "' refuses ";
-    if ((err = snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED)) < 0 ||
-        (err = snd_pcm_hw_params_set_format(pcm, hw, SND_PCM_FORMAT_S16)) < 0)
-        fail(std::string("the rate PCM refuses interleaved 16-bit access: ") + snd_strerror(err));
-    if (snd_pcm_hw_params_set_channels(pcm, hw, s.channels) < 0)
-        fail(what + std::to_string(s.channels) + " channels");
-    if (snd_pcm_hw_params_set_rate(pcm, hw, s.in_rate, 0) < 0)
-        fail(what + "input rate " + std::to_string(s.in_rate) + " Hz");
-    if (snd_pcm_hw_params_set_period_size(pcm, hw, s.period_in, 0) < 0 ||
-        snd_pcm_hw_params_set_buffer_size(pcm, hw, s.period_in * kPeriods) < 0)
-        fail(what + "periods of " + std::to_string(s.period_in) + " -> " + std::to_string(s.period_out) +
-             " frames");
-    if ((err = snd_pcm_hw_params(pcm, hw)) < 0)
+    rsmpl_harness::HwSetup hw;
+    hw.format = SND_PCM_FORMAT_S16;
+    hw.channels = s.channels;
+    hw.rate = s.in_rate;
+    hw.period = rsmpl_harness::Length::in_frames(s.period_in, true);
+    hw.buffer = rsmpl_harness::Length::in_frames(s.period_in * kPeriods, true);
+    if ((err = pcm.configure(hw)) < 0) {
+        const std::string step = pcm.step();
+        const std::string what = "converter '" + s.converter + "' refuses ";
+        if (step == "access" || step == "format")
+            fail(std::string("the rate PCM refuses interleaved 16-bit access: ") + snd_strerror(err));
+        if (step == "channels") fail(what + std::to_string(s.channels) + " channels");
+        if (step == "rate") fail(what + "input rate " + std::to_string(s.in_rate) + " Hz");
+        if (step == "period" || step == "buffer")
+            fail(what + "periods of " + std::to_string(s.period_in) + " -> " + std::to_string(s.period_out) +
+                 " frames");
         fail(what + std::to_string(s.channels) + " channels at " + std::to_string(s.in_rate) + " -> " +
              std::to_string(s.out_rate) + " Hz: " + snd_strerror(err));
-    *line = converter_line(pcm);
+    }
+    *line = rsmpl_harness::converter_line(rsmpl_harness::dump(pcm.get()));
     // alsa-lib falls back to another converter quietly in some set-ups: the
     // dump shows which one runs.
     if (own_converter(s.converter) != nullptr && line->rfind("RSMPL", 0) != 0)
         fail("alsa-lib did not run the " + s.converter + " converter (its dump shows '" + *line + "')");
-    return pcm;
 }
 
 void write_all(snd_pcm_t *pcm, const int16_t *p, snd_pcm_uframes_t frames, unsigned channels) {
@@ -374,7 +328,8 @@ long measure_delay(const Setup &s) {
     const int fd = memfd_create("rsmpl-convert-delay", MFD_CLOEXEC);
     if (fd < 0) fail(std::string("cannot create a memory file: ") + std::strerror(errno));
     std::string line;
-    snd_pcm_t *pcm = open_rate_pcm(s, fd, &line);
+    rsmpl_harness::Pcm pcm;
+    open_rate_pcm(pcm, s, fd, &line);
     const unsigned long g = std::gcd(s.in_rate, s.out_rate);
     const unsigned long a = s.in_rate / g;
     const long half = 1 + static_cast<long>(2 * s.in_rate / s.out_rate);  // input frames each side
@@ -387,9 +342,9 @@ long measure_delay(const Setup &s) {
             in[(k0 + static_cast<unsigned long>(k + half) - static_cast<unsigned long>(half)) * s.channels + c] =
                 static_cast<int16_t>(std::lround(16384 * w));
     }
-    write_all(pcm, in.data(), frames, s.channels);
-    snd_pcm_drain(pcm);
-    snd_pcm_close(pcm);
+    write_all(pcm.get(), in.data(), frames, s.channels);
+    snd_pcm_drain(pcm.get());
+    pcm.close();
 
     struct stat st {};
     fstat(fd, &st);
@@ -680,7 +635,8 @@ int main(int argc, char **argv) {
     if (pipe2(pipe_fds, O_CLOEXEC) != 0) fail(std::string("cannot create a pipe: ") + std::strerror(errno));
     std::string line;
     const auto start = std::chrono::steady_clock::now();
-    snd_pcm_t *pcm = open_rate_pcm(setup, pipe_fds[1], &line);
+    rsmpl_harness::Pcm pcm;
+    open_rate_pcm(pcm, setup, pipe_fds[1], &line);
 
     Writer writer;
     writer.pipe_fd = pipe_fds[0];
@@ -708,7 +664,7 @@ int main(int argc, char **argv) {
         const sf_count_t got = sf_readf_double(in, wide.data(), static_cast<sf_count_t>(block_frames));
         if (got <= 0) break;
         for (size_t i = 0; i < static_cast<size_t>(got) * channels; ++i) block[i] = quantise(wide[i]);
-        write_all(pcm, block.data(), static_cast<snd_pcm_uframes_t>(got), channels);
+        write_all(pcm.get(), block.data(), static_cast<snd_pcm_uframes_t>(got), channels);
         frames_in += got;
         // A full disk ends the run at once, not after the whole input.
         if (writer.failed) break;
@@ -732,16 +688,16 @@ int main(int argc, char **argv) {
     std::fill(block.begin(), block.end(), int16_t{0});
     for (size_t left = pad; left > 0;) {
         const size_t n = std::min(left, block_frames);
-        write_all(pcm, block.data(), n, channels);
+        write_all(pcm.get(), block.data(), n, channels);
         left -= n;
     }
-    int err = snd_pcm_drain(pcm);
+    int err = snd_pcm_drain(pcm.get());
     if (err < 0) fail(std::string("draining the rate PCM failed: ") + snd_strerror(err));
-    snd_pcm_close(pcm);
+    pcm.close();
     close(pipe_fds[1]);
     writer_thread.join();
     close(pipe_fds[0]);
-    snd_config_update_free_global();
+    rsmpl_harness::release_global_config();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     progress.finish();
     if (!writer.error.empty()) fail("writing '" + opt.output + "' failed: " + writer.error);

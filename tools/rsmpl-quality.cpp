@@ -39,12 +39,9 @@
 #include <string>
 #include <vector>
 
+#include "harness/alsa_harness.hpp"
 #include <rsmpl/rsmpl.h>
 #include "tools/quality_analysis.hpp"
-
-#ifndef RSMPL_MODULE_PATH
-#error "RSMPL_MODULE_PATH must name the built alsa-lib module"
-#endif
 
 namespace {
 
@@ -162,80 +159,40 @@ Converter rsmpl_sinc(float ratio) {
 
 // ---- alsa-lib ------------------------------------------------------------------
 
-std::string pcm_dump(snd_pcm_t *pcm) {
-    snd_output_t *o = nullptr;
-    snd_output_buffer_open(&o);
-    snd_pcm_dump(pcm, o);
-    char *text = nullptr;
-    const size_t n = snd_output_buffer_string(o, &text);
-    std::string s(text, n);
-    snd_output_close(o);
-    return s;
-}
-
 // Plays `in` through a rate PCM with the named converter and returns what the
 // file PCM received. `expect` must appear in the PCM dump: alsa-lib falls back
 // to another converter without saying so.
 Run alsa_play(const std::string &converter, unsigned in_rate, unsigned out_rate, const std::string &expect,
               const Samples &in, int fd) {
     Run r;
-    char text[512];
-    std::snprintf(text, sizeof text,
-                  "pcm.q { type rate converter \"%s\" slave {"
-                  " pcm { type file slave.pcm { type null } file %d format raw }"
-                  " rate %u format S16_LE } }",
-                  converter.c_str(), fd, out_rate);
-    snd_config_t *conf = nullptr;
-    snd_input_t *input = nullptr;
-    snd_config_top(&conf);
-    snd_input_buffer_open(&input, text, -1);
-    int err = snd_config_load(conf, input);
-    snd_input_close(input);
-    snd_pcm_t *pcm = nullptr;
-    if (err == 0) err = snd_pcm_open_lconf(&pcm, "q", SND_PCM_STREAM_PLAYBACK, 0, conf);
-    if (err < 0) {
+    rsmpl_harness::Pcm pcm;
+    if (int err = pcm.open(rsmpl_harness::rate_config("q", converter, out_rate, fd), "q"); err < 0) {
         r.error = std::string("open: ") + snd_strerror(err);
-        snd_config_delete(conf);
         return r;
     }
-    snd_pcm_hw_params_t *hw = nullptr;
-    snd_pcm_hw_params_malloc(&hw);
-    snd_pcm_hw_params_any(pcm, hw);
     // Two periods: with longer buffers lavrate at some ratios commits a count
     // the file PCM did not map, and alsa-lib aborts on an assertion.
-    unsigned buffer_us = 40000;
-    const char *step = "access";
-    if ((err = snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED)) == 0 && (step = "format") &&
-        (err = snd_pcm_hw_params_set_format(pcm, hw, SND_PCM_FORMAT_S16_LE)) == 0 && (step = "channels") &&
-        (err = snd_pcm_hw_params_set_channels(pcm, hw, 1)) == 0 && (step = "rate") &&
-        (err = snd_pcm_hw_params_set_rate(pcm, hw, in_rate, 0)) == 0 && (step = "20 ms period") &&
-        (err = snd_pcm_hw_params_set_period_time(pcm, hw, 20000, 0)) == 0 && (step = "buffer") &&
-        (err = snd_pcm_hw_params_set_buffer_time_near(pcm, hw, &buffer_us, nullptr)) == 0 && (step = "hw_params"))
-        err = snd_pcm_hw_params(pcm, hw);
-    snd_pcm_hw_params_free(hw);
-    if (err < 0) {
-        r.error = std::string(step) + ": " + snd_strerror(err);
+    rsmpl_harness::HwSetup hw;
+    hw.rate = in_rate;
+    hw.period = rsmpl_harness::Length::in_us(20000, true);
+    hw.buffer = rsmpl_harness::Length::in_us(40000);
+    if (int err = pcm.configure(hw); err < 0) {
+        r.error = std::string(pcm.step()) + ": " + snd_strerror(err);
     } else {
-        const std::string dump = pcm_dump(pcm);
-        const size_t at = dump.find(expect);
-        if (at == std::string::npos) {
+        const std::string dump = rsmpl_harness::dump(pcm.get());
+        r.note = rsmpl_harness::line_with(dump, expect);
+        if (r.note.empty()) {
             r.error = "converter not confirmed by the PCM dump (expected '" + expect + "')";
             if (std::getenv("RSMPL_QUALITY_DUMP")) std::fprintf(stderr, "%s\n", dump.c_str());
-        } else {
-            const size_t bol = dump.rfind('\n', at), eol = dump.find('\n', at);
-            r.note = dump.substr(bol + 1, eol - bol - 1);
-            r.note.erase(0, r.note.find_first_not_of(' '));
         }
         size_t done = 0;
         while (r.error.empty() && done < in.size()) {
-            const snd_pcm_sframes_t w = snd_pcm_writei(pcm, in.data() + done, in.size() - done);
+            const snd_pcm_sframes_t w = snd_pcm_writei(pcm.get(), in.data() + done, in.size() - done);
             if (w <= 0) r.error = std::string("write: ") + snd_strerror(static_cast<int>(w));
             else done += static_cast<size_t>(w);
         }
-        if (r.error.empty()) snd_pcm_drain(pcm);
+        if (r.error.empty()) snd_pcm_drain(pcm.get());
     }
-    snd_pcm_close(pcm);
-    snd_config_delete(conf);
     return r;
 }
 
@@ -256,7 +213,7 @@ Converter alsa(std::string converter, unsigned in_rate, unsigned out_rate, std::
         if (pid == 0) {
             close(pipefd[0]);
             const Run c = alsa_play(converter, in_rate, out_rate, expect, in, fd);
-            snd_config_update_free_global();
+            rsmpl_harness::release_global_config();
             const std::string msg = (c.error.empty() ? "ok\n" : "error\n") + (c.error.empty() ? c.note : c.error);
             if (write(pipefd[1], msg.data(), msg.size()) < 0) _exit(3);
             _exit(0);
@@ -286,25 +243,6 @@ Converter alsa(std::string converter, unsigned in_rate, unsigned out_rate, std::
         close(fd);
         return r;
     };
-}
-
-// alsa-lib reads ALSA_PLUGIN_DIR for every converter it loads: a directory
-// holding our module next to links to the system's modules serves them all.
-std::string make_plugin_dir(const fs::path &out) {
-    const fs::path dir = out / "alsa-plugins";
-    fs::create_directories(dir);
-    std::error_code ec;
-    for (const auto &e : fs::directory_iterator("/usr/lib/x86_64-linux-gnu/alsa-lib", ec))
-        if (e.path().extension() == ".so") {
-            fs::remove(dir / e.path().filename(), ec);
-            fs::create_symlink(e.path(), dir / e.path().filename(), ec);
-        }
-    const fs::path mod = fs::absolute(RSMPL_MODULE_PATH);
-    fs::remove(dir / mod.filename(), ec);
-    fs::create_symlink(mod, dir / mod.filename(), ec);
-    fs::remove(dir / "libasound_module_rate_rsmplrate_best.so", ec);
-    fs::create_symlink(mod, dir / "libasound_module_rate_rsmplrate_best.so", ec);
-    return dir.string();
 }
 
 // ---- The set of paths ------------------------------------------------------------
@@ -704,7 +642,8 @@ int main(int argc, char **argv) {
         return 0;
     }
     fs::create_directories(out);
-    setenv("ALSA_PLUGIN_DIR", make_plugin_dir(out).c_str(), 1);
+    // build/alsa-lib holds our module beside links to the system's converters.
+    rsmpl_harness::use_staged_plugin_dir();
     const Sizes &z = quick ? kQuick : kFull;
 
     std::ofstream table(out / "paths.tsv");
@@ -746,7 +685,7 @@ int main(int argc, char **argv) {
         write_raw(out / (p.id + ".imp.s16"), imp);
         write_raw(out / (p.id + ".sweep.s16"), sweep);
     }
-    snd_config_update_free_global();
+    rsmpl_harness::release_global_config();
     if (measured == 0) {
         std::fprintf(stderr, "no path matches\n");
         return 1;

@@ -24,19 +24,19 @@ constexpr down::Kernels kScalarDown{down::fir2to1_scalar, down::fir3to1_scalar, 
 // Each set: every component's kernels for one instruction set. A new set is
 // one file per component and a row here.
 const KernelSet kScalarKernels{
-    EngineId::scalar, "scalar", kScalarUp, kScalarDown, sinc_accumulate_scalar, linear_expand_scalar, linear_shrink_scalar,
+    EngineId::scalar, "scalar", kScalarUp, kScalarDown, sinc_run_scalar, linear_expand_scalar, linear_shrink_scalar,
 };
 #if defined(__x86_64__)
 const KernelSet kSse41Kernels{
-    EngineId::sse41, "sse41", up::kEngineSse41, down::kKernelsSse41, sinc_sum_sse41, linear_expand_sse41, linear_shrink_sse41,
+    EngineId::sse41, "sse41", up::kEngineSse41, down::kKernelsSse41, sinc_run_sse41, linear_expand_sse41, linear_shrink_sse41,
 };
 const KernelSet kAvx2Kernels{
-    EngineId::avx2, "avx2", up::kEngineAvx2, down::kKernelsAvx2, sinc_sum_avx2, linear_expand_avx2, linear_shrink_avx2,
+    EngineId::avx2, "avx2", up::kEngineAvx2, down::kKernelsAvx2, sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
 };
 #endif
 #if defined(__aarch64__)
 const KernelSet kNeonKernels{
-    EngineId::neon, "neon", up::kEngineNeon, down::kKernelsNeon, sinc_sum_neon, linear_expand_neon, linear_shrink_neon,
+    EngineId::neon, "neon", up::kEngineNeon, down::kKernelsNeon, sinc_run_neon, linear_expand_neon, linear_shrink_neon,
 };
 #endif
 

@@ -26,16 +26,16 @@ namespace rsmpl {
 
 enum class EngineId : uint8_t { scalar, sse41, avx2, neon };
 
-// One output of the sinc interpolator; see sinc_accumulate_scalar.
-using SincSum = uint32_t (*)(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast, int32_t kRightLast,
-                             uint32_t t0, uint32_t tableStep, int shift);
+struct SincRun;
+// The sinc interpolator's outputs over one block; see sinc_run_scalar.
+using SincKernel = void (*)(const SincRun &run, int16_t *out);
 
 struct KernelSet {
     EngineId id;
     const char *name;
     const up::Engine &up;
     const down::Kernels &down;
-    SincSum sinc;
+    SincKernel sinc;
     LinearExpand linear_expand;
     LinearShrink linear_shrink;
 };

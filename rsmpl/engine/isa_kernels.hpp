@@ -11,6 +11,8 @@
 
 namespace rsmpl {
 
+struct SincRun;
+
 namespace up {
 extern const Engine kEngineSse41, kEngineAvx2, kEngineNeon;
 }
@@ -18,12 +20,9 @@ namespace down {
 extern const Kernels kKernelsSse41, kKernelsAvx2, kKernelsNeon;
 }
 
-uint32_t sinc_sum_sse41(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast, int32_t kRightLast,
-                        uint32_t t0, uint32_t tableStep, int shift);
-uint32_t sinc_sum_avx2(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast, int32_t kRightLast,
-                       uint32_t t0, uint32_t tableStep, int shift);
-uint32_t sinc_sum_neon(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast, int32_t kRightLast,
-                       uint32_t t0, uint32_t tableStep, int shift);
+void sinc_run_sse41(const SincRun &run, int16_t *out);
+void sinc_run_avx2(const SincRun &run, int16_t *out);
+void sinc_run_neon(const SincRun &run, int16_t *out);
 
 void linear_expand_sse41(const int16_t *src, uint32_t src_frames, int16_t *dst, uint32_t dst_frames,
                          uint32_t channels, uint32_t pitch, uint32_t shift, int16_t *last);

@@ -27,6 +27,8 @@
 //     than one step cannot make positions wrap.
 #include <cstring>
 
+#include <pthread.h>
+
 #include "rsmpl/interface/context.hpp"
 #include "rsmpl/engine/engine.hpp"
 #include <rsmpl/rsmpl.h>
@@ -52,6 +54,59 @@ uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t kLeftFirst,
     return acc;
 }
 
+void sinc_run_scalar(const SincRun &r, int16_t *out) {
+    const int64_t last = r.valid - 1;
+    for (uint32_t i = 0; i < r.count; ++i) {
+        const uint32_t p = r.p0 + sinc_advance(r.step, i);
+        const uint32_t f = p & 0xFFFFu;
+        const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+        // Centre index; positions are capped well below 2^31 / 65536.
+        const int64_t centre = int64_t{p >> 16} + r.h;
+        const int64_t leftFirst = centre > last ? centre - last : 0;
+        const int64_t rightLast = last - centre < r.h ? last - centre : r.h;
+        uint32_t acc = 0;
+        if (leftFirst <= r.h)
+            acc = sinc_accumulate_scalar(r.x, static_cast<int32_t>(centre), static_cast<int32_t>(leftFirst), r.h,
+                                         static_cast<int32_t>(rightLast), t0, r.tableStep, r.shift);
+        out[i] = sinc_finish(acc, r.gain, r.shift);
+    }
+}
+
+namespace {
+
+// Filled in place, once, under pthread_once rather than as a guarded static:
+// librsmpl must not need libstdc++, and 81 KB never sit on a stack.
+SincRows g_rows;
+pthread_once_t g_rows_once = PTHREAD_ONCE_INIT;
+
+void fill_rows() {
+    SincRows &t = g_rows;
+    for (int32_t &v : t.wingPadded) v = 0;
+    for (int32_t &v : t.deltaPadded) v = 0;
+    for (int j = 0; j < kSincWingLength; ++j) {
+        t.wingPadded[SincRows::kPaddedZero + j] = sincWing[j];
+        t.deltaPadded[SincRows::kPaddedZero + j] = sincWingDelta[j];
+    }
+    for (int p = 0; p <= 128; ++p)
+        for (int m = 0; m < 16; ++m) {
+            const int j = p + 128 * m;
+            const int32_t w = j < kSincWingLength ? sincWing[j] : 0;
+            const int32_t d = j < kSincWingLength ? sincWingDelta[j] : 0;
+            t.wing[p][m] = t.wingRev[p][15 - m] = w;
+            t.delta[p][m] = t.deltaRev[p][15 - m] = d;
+            const uint32_t high = static_cast<uint32_t>(d) >> 16;
+            t.deltaHigh[p][m] = t.deltaHighRev[p][15 - m] = high | high << 16;
+            t.deltaLow[p][m] = t.deltaLowRev[p][15 - m] = static_cast<uint32_t>(d) & 0xFFFFu;
+        }
+}
+
+}  // namespace
+
+const SincRows &sinc_rows() {
+    pthread_once(&g_rows_once, fill_rows);
+    return g_rows;
+}
+
 }  // namespace rsmpl
 
 namespace {
@@ -75,14 +130,6 @@ void reset_params(RSMPL_Ctx &c) {
     c.ratio = 1.0f;
 }
 
-// Q14 sum to Q15 output: a * G (Q24) rounded, the headroom shift undone.
-// y is below 2^17, so the 32-bit saturation of y << s never bites; sat16 does.
-int16_t finish_output(uint32_t acc, uint32_t gain, int shift) {
-    const int32_t a = static_cast<int32_t>(acc) >> 16;
-    const int64_t y = (((int64_t{gain} * a) >> 15) + 128) >> 8;
-    return rsmpl::sat16(rsmpl::sat32(y * (int64_t{1} << shift)));
-}
-
 // Filters `count` samples appended to the history of H = halfLength samples
 // each side, at the parameters in use, and re-cuts the history to
 // `nextHalfLength`. The caller ensures 2H + 1 + count <= 1648 and
@@ -96,7 +143,6 @@ uint32_t filter_block(RSMPL_Ctx &c, const int16_t *in, int16_t *out, uint32_t co
     const uint32_t gain = c.gain;
     const uint32_t p0 = c.position;
     const int shift = rsmpl::headroomShift[step >> 24];
-    const rsmpl::SincSum sum = rsmpl::kernels().sinc;
     int16_t *x = c.samples;
 
     UTIL_Memcpy(x + 2 * h + 1, in, count * sizeof(int16_t));
@@ -106,26 +152,23 @@ uint32_t filter_block(RSMPL_Ctx &c, const int16_t *in, int16_t *out, uint32_t co
     const int32_t consumed = static_cast<int32_t>(count) - (nextHalfLength - h);
     const uint32_t limit = static_cast<uint32_t>(consumed);
 
+    // Outputs while the centre stays inside the block: the smallest k >= 1
+    // whose position p0 + advance(k) reaches the limit (positions rise with
+    // k), found from an estimate and walked to exactly; the kernels then
+    // write them all in one run. Every position counts from the block
+    // start, so rounding never accumulates.
+    const auto reached = [&](uint32_t n) { return ((p0 + rsmpl::sinc_advance(step, n)) >> 16) >= limit; };
     uint32_t k = 0;
-    uint32_t p = p0;
-    if (forceFirst || (p >> 16) < limit) {
-        do {
-            const uint32_t f = p & 0xFFFFu;
-            const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * tableStep) >> 16);
-            // Centre index; positions are capped well below 2^31 / 65536.
-            const int64_t centre = int64_t{p >> 16} + h;
-            const int64_t last = valid - 1;
-            const int64_t leftFirst = centre > last ? centre - last : 0;
-            const int64_t rightLast = last - centre < h ? last - centre : h;
-            uint32_t acc = 0;
-            if (leftFirst <= h)
-                acc = sum(x, static_cast<int32_t>(centre), static_cast<int32_t>(leftFirst), h,
-                          static_cast<int32_t>(rightLast), t0, tableStep, shift);
-            out[k++] = finish_output(acc, gain, shift);
-            // Every position from the block start, so rounding never accumulates.
-            p = p0 + rsmpl::sinc_advance(step, k);
-        } while ((p >> 16) < limit);
+    if (forceFirst || (p0 >> 16) < limit) {
+        const uint64_t need = (p0 >> 16) < limit ? (uint64_t{limit} << 16) - p0 : 0;
+        const uint64_t guess = need * 256 / step;
+        k = guess < 1 ? 1 : (guess > 0xFFFF ? 0xFFFF : static_cast<uint32_t>(guess));
+        while (k > 1 && reached(k - 1)) --k;
+        while (!reached(k)) ++k;
     }
+    const uint32_t p = p0 + rsmpl::sinc_advance(step, k);
+    const rsmpl::SincRun run{x, valid, h, p0, step, tableStep, gain, shift, k};
+    rsmpl::kernels().sinc(run, out);
     const uint32_t rest = p - (limit << 16);
     c.position = rest < rsmpl::kSincMaxPosition ? rest : rsmpl::kSincMaxPosition;
 

@@ -1,12 +1,9 @@
-// The sinc interpolator's sum with AVX2, compiled with -mavx2 alone.
+// The sinc interpolator's sums with AVX2, compiled with -mavx2 alone.
 #include "rsmpl/engine/isa_kernels.hpp"
 #include "rsmpl/sinc/sinc_x86.hpp"
 
 namespace rsmpl {
 
-uint32_t sinc_sum_avx2(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast, int32_t kRightLast,
-                       uint32_t t0, uint32_t tableStep, int shift) {
-    return sinc_sum(x, c, kLeftFirst, kLeftLast, kRightLast, t0, tableStep, shift);
-}
+void sinc_run_avx2(const SincRun &run, int16_t *out) { sinc::run<sinc::X86>(run, out); }
 
 }  // namespace rsmpl

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "util/fixed.hpp"
+
 namespace rsmpl {
 
 constexpr int kSincWingLength = 1792;   // 14 input samples of 128 entries; 1664.. are zero
@@ -43,5 +45,58 @@ inline uint32_t sinc_advance(uint32_t step, uint32_t n) {
 // exactly this function (rsmpl/engine/engine.hpp).
 uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast,
                                 int32_t kRightLast, uint32_t t0, uint32_t tableStep, int shift);
+
+// Q14 sum to Q15 output: a * G (Q24) rounded, the headroom shift undone.
+// y is below 2^17, so the 32-bit saturation of y << s never bites; sat16 does.
+inline int16_t sinc_finish(uint32_t acc, uint32_t gain, int shift) {
+    const int32_t a = static_cast<int32_t>(acc) >> 16;
+    const int64_t y = (((int64_t{gain} * a) >> 15) + 128) >> 8;
+    return sat16(sat32(y * (int64_t{1} << shift)));
+}
+
+// A run of outputs over one block: x[0 .. valid-1] hold the history of h
+// samples each side plus the block; output i sits at input position
+// p0 + sinc_advance(step, i) (Q16), its centre sample at x[(position >> 16) + h].
+// Samples the block has not received count as zero.
+struct SincRun {
+    const int16_t *x;
+    int32_t valid;
+    int32_t h;
+    uint32_t p0;
+    uint32_t step;       // Q24 input samples per output
+    uint32_t tableStep;  // Q16 table entries per tap
+    uint32_t gain;       // Q24
+    int shift;           // headroom shift of the samples
+    uint32_t count;      // outputs to write
+};
+
+// The reference: sinc_accumulate_scalar and sinc_finish for every output.
+// A kernel engine replaces exactly this function (rsmpl/engine/engine.hpp).
+void sinc_run_scalar(const SincRun &r, int16_t *out);
+
+// Table entry p + 128m of the wing and of its deltas at [p][m], zero past
+// the table; rows p = 0..128, m = 0..15. At 128 entries per tap (ratios 1
+// and above) all taps of one output share the entry's fraction, so the
+// coefficients of a wing are one row. The reversed copies hold m = 15 - lane
+// for the left wing, whose samples run the other way. The deltas also come
+// split for 16-bit multipliers: the high half (delta >> 16) in both halves
+// of a word, and the low half (delta & 0xFFFF) zero-extended. Built at
+// first use.
+struct SincRows {
+    alignas(64) int32_t wing[129][16];
+    alignas(64) int32_t delta[129][16];
+    alignas(64) int32_t wingRev[129][16];
+    alignas(64) int32_t deltaRev[129][16];
+    alignas(64) uint32_t deltaHigh[129][16];
+    alignas(64) uint32_t deltaLow[129][16];
+    alignas(64) uint32_t deltaHighRev[129][16];
+    alignas(64) uint32_t deltaLowRev[129][16];
+    // The wing and its deltas with zeros around, entry j at kPaddedZero + j:
+    // runs of entries read straight past either end.
+    static constexpr int kPaddedZero = 160;
+    alignas(64) int32_t wingPadded[kPaddedZero + kSincWingLength + 64];
+    alignas(64) int32_t deltaPadded[kPaddedZero + kSincWingLength + 64];
+};
+const SincRows &sinc_rows();
 
 }  // namespace rsmpl

@@ -1,136 +1,270 @@
-// The sinc interpolator's x86-64 sum, written once for 128-bit (SSE4.1) and
-// 256-bit (AVX2) vectors with the FIR kernels' lane helpers: sinc_sse41.cpp
-// and sinc_avx2.cpp include this file, each compiled for its instruction
-// set. Internal linkage only.
+// The sinc interpolator's sums on x86-64, SSE4.1 (4 lanes) or AVX2 (8 lanes)
+// after the flags of the including file (sinc_sse41.cpp, sinc_avx2.cpp);
+// lanes are taps. The block driver
+// and the arithmetic are described in sinc_block.hpp.
 #pragma once
 
-#include "rsmpl/fir/fir_x86.hpp"
-#include "rsmpl/sinc/sinc_kernel.hpp"
+#include <immintrin.h>
 
-namespace rsmpl {
+#include "rsmpl/sinc/sinc_block.hpp"
+
+namespace rsmpl::sinc {
 namespace {
 
-// Lanes are taps. Per lane, as the scalar form: the table position t (32-bit,
-// wrapping), the coefficient wing[j] + ((delta[j] * g') >> 16) from a 64-bit
-// product, zero for j >= 1792, and the tap (c * (x >> s)) >> 16, also from a
-// 64-bit product. Only bits 16..47 of each product are kept: the coefficient
-// step fits 32 bits (|delta * g' / 2^16| <= |delta|), and the taps are summed
-// modulo 2^32 like the scalar 32-bit accumulator, so the order of the sum does
-// not matter. A wing's last taps take their samples from a zero-padded copy.
-
-// Bits 16..47 of the 64-bit products a * b of signed 32-bit lanes.
-[[gnu::always_inline]] inline fir::Vec mul_shift16(fir::Vec a, fir::Vec b) {
+// With 16-bit multipliers. A Q31 x 16-bit product taken >> 16 with floor
+// splits exactly: (c * x) >> 16 = ((c + 2^15) >> 16) * x + mulhi(low half
+// of c as signed, x); one pmaddwd of the word [mulhi | (c + 2^15) >> 16]
+// with the sample word [1 | x] adds both. The coefficient step likewise:
+// (d * g') >> 16 = (d >> 16) * g' + mulhi of d's unsigned low half, the
+// first part one pmaddwd of [d >> 16 | d >> 16] with g' split into two
+// halves below 2^15 (g' < 65536 at 128 entries per tap).
+struct X86 {
+    static constexpr int kFractionShift = 0;
+    static constexpr bool kSlots = true;
 #if defined(__AVX2__)
-    const __m256i even = _mm256_srli_epi64(_mm256_mul_epi32(a, b), 16);
-    const __m256i odd = _mm256_slli_epi64(_mm256_mul_epi32(_mm256_srli_epi64(a, 32), _mm256_srli_epi64(b, 32)), 16);
-    return _mm256_blend_epi32(even, odd, 0xAA);
+    using V = __m256i;
+    static constexpr int kLanes = 8;
+    static V load(const int32_t *p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)); }
+    static void store(int32_t *p, V v) { _mm256_storeu_si256(reinterpret_cast<__m256i *>(p), v); }
+    static V set1(uint32_t a) { return _mm256_set1_epi32(static_cast<int32_t>(a)); }
+    static V lanes() { return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7); }
+    static V add(V a, V b) { return _mm256_add_epi32(a, b); }
+    static V sub(V a, V b) { return _mm256_sub_epi32(a, b); }
+    static V and_(V a, V b) { return _mm256_and_si256(a, b); }
+    static V mullo(V a, V b) { return _mm256_mullo_epi32(a, b); }
+    static V srl(V a, int n) { return _mm256_srli_epi32(a, n); }
+    static V less(V a, V b) { return _mm256_cmpgt_epi32(b, a); }
+    static V select(V mask, V a, V b) { return _mm256_blendv_epi8(b, a, mask); }
+    static V min(V a, V b) { return _mm256_min_epu32(a, b); }
+    static V madd16(V a, V b) { return _mm256_madd_epi16(a, b); }
+    static V srai(V a, int n) { return _mm256_srai_epi32(a, n); }
+    static V mul64(V a, V b) { return _mm256_mul_epi32(a, b); }
+    static V srl64(V a, int n) { return _mm256_srli_epi64(a, n); }
+    static V sll64(V a, int n) { return _mm256_slli_epi64(a, n); }
+    static V add64(V a, V b) { return _mm256_add_epi64(a, b); }
+    static V bias() { return _mm256_set1_epi64x(1 << 22); }
+    static V blend_odd(V even, V odd) { return _mm256_blend_epi32(even, odd, 0xAA); }
+    static V sll(V a, __m128i n) { return _mm256_sll_epi32(a, n); }
+    static void store_packed(int16_t *p, V y) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(p),
+                         _mm_packs_epi32(_mm256_castsi256_si128(y), _mm256_extracti128_si256(y, 1)));
+    }
+    static V mulhi16(V a, V b) { return _mm256_mulhi_epi16(a, b); }
+    static V mulhiu16(V a, V b) { return _mm256_mulhi_epu16(a, b); }
+    static V low16_high16(V low, V high) { return _mm256_blend_epi16(low, high, 0xAA); }
+    static V loadu(const uint32_t *p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p)); }
+    static V reverse(V a) { return _mm256_permutevar8x32_epi32(a, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0)); }
+    static void transpose(V *v) {
+        V t[8], u[8];
+        for (int i = 0; i < 8; i += 2) {
+            t[i] = _mm256_unpacklo_epi32(v[i], v[i + 1]);
+            t[i + 1] = _mm256_unpackhi_epi32(v[i], v[i + 1]);
+        }
+        for (int i = 0; i < 8; i += 4) {
+            u[i] = _mm256_unpacklo_epi64(t[i], t[i + 2]);
+            u[i + 1] = _mm256_unpackhi_epi64(t[i], t[i + 2]);
+            u[i + 2] = _mm256_unpacklo_epi64(t[i + 1], t[i + 3]);
+            u[i + 3] = _mm256_unpackhi_epi64(t[i + 1], t[i + 3]);
+        }
+        for (int i = 0; i < 4; ++i) {
+            v[i] = _mm256_permute2x128_si256(u[i], u[i + 4], 0x20);
+            v[i + 4] = _mm256_permute2x128_si256(u[i], u[i + 4], 0x31);
+        }
+    }
+    // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
+    static V mul_shift16(V a, V b) {
+        const V even = _mm256_srli_epi64(_mm256_mul_epi32(a, b), 16);
+        const V odd = _mm256_slli_epi64(_mm256_mul_epi32(_mm256_srli_epi64(a, 32), _mm256_srli_epi64(b, 32)), 16);
+        return _mm256_blend_epi32(even, odd, 0xAA);
+    }
+    static void gather(V j, V *wing, V *delta) {
+        *wing = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWing), j, 4);
+        *delta = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWingDelta), j, 4);
+    }
+    static uint32_t sum(V a) {
+        __m128i v = _mm_add_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
+        v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0x4E));
+        v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0xB1));
+        return static_cast<uint32_t>(_mm_cvtsi128_si32(v));
+    }
 #else
-    const __m128i even = _mm_srli_epi64(_mm_mul_epi32(a, b), 16);
-    const __m128i odd = _mm_slli_epi64(_mm_mul_epi32(_mm_srli_epi64(a, 32), _mm_srli_epi64(b, 32)), 16);
-    return _mm_blend_epi16(even, odd, 0xCC);
-#endif
-}
-
-// wing[j] and delta[j] for the lanes' indices (below kSincWingLength).
-[[gnu::always_inline]] inline void wing_entries(fir::Vec j, fir::Vec *wing, fir::Vec *delta) {
-#if defined(__AVX2__)
-    *wing = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWing), j, 4);
-    *delta = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWingDelta), j, 4);
-#else
-    const int j0 = _mm_cvtsi128_si32(j), j1 = _mm_extract_epi32(j, 1), j2 = _mm_extract_epi32(j, 2),
-              j3 = _mm_extract_epi32(j, 3);
-    *wing = _mm_setr_epi32(sincWing[j0], sincWing[j1], sincWing[j2], sincWing[j3]);
-    *delta = _mm_setr_epi32(sincWingDelta[j0], sincWingDelta[j1], sincWingDelta[j2], sincWingDelta[j3]);
-#endif
-}
-
-#if defined(__AVX2__)
-[[gnu::always_inline]] inline fir::Vec lane_index() { return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7); }
-[[gnu::always_inline]] inline fir::Vec mullo(fir::Vec a, fir::Vec b) { return _mm256_mullo_epi32(a, b); }
-[[gnu::always_inline]] inline fir::Vec sub(fir::Vec a, fir::Vec b) { return _mm256_sub_epi32(a, b); }
-[[gnu::always_inline]] inline fir::Vec srli16(fir::Vec a) { return _mm256_srli_epi32(a, 16); }
-[[gnu::always_inline]] inline fir::Vec srli15(fir::Vec a) { return _mm256_srli_epi32(a, 15); }
-[[gnu::always_inline]] inline fir::Vec less(fir::Vec a, fir::Vec b) { return _mm256_cmpgt_epi32(b, a); }
-[[gnu::always_inline]] inline fir::Vec min32(fir::Vec a, fir::Vec b) { return _mm256_min_epi32(a, b); }
-[[gnu::always_inline]] inline fir::Vec widen(const int16_t *p) {
-    return _mm256_cvtepi16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
-}
-[[gnu::always_inline]] inline fir::Vec reverse(fir::Vec a) {
-    return _mm256_permutevar8x32_epi32(a, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
-}
-[[gnu::always_inline]] inline fir::Vec sra(fir::Vec a, int s) { return _mm256_sra_epi32(a, _mm_cvtsi32_si128(s)); }
-[[gnu::always_inline]] inline uint32_t lane_sum(fir::Vec a) {
-    __m128i v = _mm_add_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
-    v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0x4E));
-    v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0xB1));
-    return static_cast<uint32_t>(_mm_cvtsi128_si32(v));
-}
-#else
-[[gnu::always_inline]] inline fir::Vec lane_index() { return _mm_setr_epi32(0, 1, 2, 3); }
-[[gnu::always_inline]] inline fir::Vec mullo(fir::Vec a, fir::Vec b) { return _mm_mullo_epi32(a, b); }
-[[gnu::always_inline]] inline fir::Vec sub(fir::Vec a, fir::Vec b) { return _mm_sub_epi32(a, b); }
-[[gnu::always_inline]] inline fir::Vec srli16(fir::Vec a) { return _mm_srli_epi32(a, 16); }
-[[gnu::always_inline]] inline fir::Vec srli15(fir::Vec a) { return _mm_srli_epi32(a, 15); }
-[[gnu::always_inline]] inline fir::Vec less(fir::Vec a, fir::Vec b) { return _mm_cmplt_epi32(a, b); }
-[[gnu::always_inline]] inline fir::Vec min32(fir::Vec a, fir::Vec b) { return _mm_min_epi32(a, b); }
-[[gnu::always_inline]] inline fir::Vec widen(const int16_t *p) {
-    return _mm_cvtepi16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)));
-}
-[[gnu::always_inline]] inline fir::Vec reverse(fir::Vec a) { return _mm_shuffle_epi32(a, 0x1B); }
-[[gnu::always_inline]] inline fir::Vec sra(fir::Vec a, int s) { return _mm_sra_epi32(a, _mm_cvtsi32_si128(s)); }
-[[gnu::always_inline]] inline uint32_t lane_sum(fir::Vec a) {
-    __m128i v = _mm_add_epi32(a, _mm_shuffle_epi32(a, 0x4E));
-    v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0xB1));
-    return static_cast<uint32_t>(_mm_cvtsi128_si32(v));
-}
+    using V = __m128i;
+    static constexpr int kLanes = 4;
+    static V load(const int32_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
+    static void store(int32_t *p, V v) { _mm_storeu_si128(reinterpret_cast<__m128i *>(p), v); }
+    static V set1(uint32_t a) { return _mm_set1_epi32(static_cast<int32_t>(a)); }
+    static V lanes() { return _mm_setr_epi32(0, 1, 2, 3); }
+    static V add(V a, V b) { return _mm_add_epi32(a, b); }
+    static V sub(V a, V b) { return _mm_sub_epi32(a, b); }
+    static V and_(V a, V b) { return _mm_and_si128(a, b); }
+    static V mullo(V a, V b) { return _mm_mullo_epi32(a, b); }
+    static V srl(V a, int n) { return _mm_srli_epi32(a, n); }
+    static V less(V a, V b) { return _mm_cmplt_epi32(a, b); }
+    static V select(V mask, V a, V b) { return _mm_blendv_epi8(b, a, mask); }
+    static V min(V a, V b) { return _mm_min_epu32(a, b); }
+    static V madd16(V a, V b) { return _mm_madd_epi16(a, b); }
+    static V srai(V a, int n) { return _mm_srai_epi32(a, n); }
+    static V mul64(V a, V b) { return _mm_mul_epi32(a, b); }
+    static V srl64(V a, int n) { return _mm_srli_epi64(a, n); }
+    static V sll64(V a, int n) { return _mm_slli_epi64(a, n); }
+    static V add64(V a, V b) { return _mm_add_epi64(a, b); }
+    static V bias() { return _mm_set1_epi64x(1 << 22); }
+    static V blend_odd(V even, V odd) { return _mm_blend_epi16(even, odd, 0xCC); }
+    static V sll(V a, __m128i n) { return _mm_sll_epi32(a, n); }
+    static void store_packed(int16_t *p, V y) { _mm_storel_epi64(reinterpret_cast<__m128i *>(p), _mm_packs_epi32(y, y)); }
+    static V mulhi16(V a, V b) { return _mm_mulhi_epi16(a, b); }
+    static V mulhiu16(V a, V b) { return _mm_mulhi_epu16(a, b); }
+    static V low16_high16(V low, V high) { return _mm_blend_epi16(low, high, 0xAA); }
+    static V loadu(const uint32_t *p) { return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)); }
+    static V reverse(V a) { return _mm_shuffle_epi32(a, 0x1B); }
+    static void transpose(V *v) {
+        const V t0 = _mm_unpacklo_epi32(v[0], v[1]), t1 = _mm_unpackhi_epi32(v[0], v[1]);
+        const V t2 = _mm_unpacklo_epi32(v[2], v[3]), t3 = _mm_unpackhi_epi32(v[2], v[3]);
+        v[0] = _mm_unpacklo_epi64(t0, t2);
+        v[1] = _mm_unpackhi_epi64(t0, t2);
+        v[2] = _mm_unpacklo_epi64(t1, t3);
+        v[3] = _mm_unpackhi_epi64(t1, t3);
+    }
+    static V mul_shift16(V a, V b) {
+        const V even = _mm_srli_epi64(_mm_mul_epi32(a, b), 16);
+        const V odd = _mm_slli_epi64(_mm_mul_epi32(_mm_srli_epi64(a, 32), _mm_srli_epi64(b, 32)), 16);
+        return _mm_blend_epi16(even, odd, 0xCC);
+    }
+    static void gather(V j, V *wing, V *delta) {
+        alignas(16) uint32_t i[4];
+        _mm_store_si128(reinterpret_cast<__m128i *>(i), j);
+        *wing = _mm_setr_epi32(sincWing[i[0]], sincWing[i[1]], sincWing[i[2]], sincWing[i[3]]);
+        *delta = _mm_setr_epi32(sincWingDelta[i[0]], sincWingDelta[i[1]], sincWingDelta[i[2]], sincWingDelta[i[3]]);
+    }
+    static uint32_t sum(V a) {
+        V v = _mm_add_epi32(a, _mm_shuffle_epi32(a, 0x4E));
+        v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0xB1));
+        return static_cast<uint32_t>(_mm_cvtsi128_si32(v));
+    }
 #endif
 
-constexpr int kW = fir::kLanes;
+    // Samples as [1 | x] (multiplies the high half of a coefficient) and
+    // [x | x] (its low half).
+    struct Window {
+        alignas(64) int32_t one[kSamples];
+        alignas(64) int32_t two[kSamples];
+    };
+    static void prepare(const SincRun &r, int32_t filled, Window &w) {
+        fill_window(r, filled, w.one, [](int32_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v) << 16 | 1u); });
+        fill_window(r, filled, w.two, [](int32_t v) {
+            return static_cast<int32_t>(static_cast<uint32_t>(v) << 16 | (static_cast<uint32_t>(v) & 0xFFFFu));
+        });
+    }
 
-// Taps of W table positions t against W samples (already as 32-bit lanes).
-[[gnu::always_inline]] inline fir::Vec taps(fir::Vec t, fir::Vec samples, int shift) {
-    const fir::Vec j = srli16(t);
-    const fir::Vec inside = less(j, fir::set1(kSincWingLength));
-    fir::Vec wing, delta;
-    wing_entries(min32(j, fir::set1(kSincWingLength - 1)), &wing, &delta);
-    const fir::Vec g = fir::and_(t, fir::set1(0xFFFF));
-    const fir::Vec g1 = fir::add(g, srli15(g));  // 0xFFFF counts as one whole entry
-    const fir::Vec coef = fir::and_(inside, fir::add(wing, mul_shift16(delta, g1)));
-    return mul_shift16(coef, sra(samples, shift));
-}
+    // Taps of coefficients c against samples at i of the window: the sum of
+    // (c * x) >> 16 per lane, taps summed in pairs modulo 2^32.
+    [[gnu::always_inline]] static V taps(V c, const Window &w, int32_t i) {
+        const V low = mulhi16(c, load(w.two + i));
+        return madd16(low16_high16(low, add(c, set1(0x8000u))), load(w.one + i));
+    }
 
-uint32_t sinc_sum(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast, int32_t kRightLast,
-                  uint32_t t0, uint32_t tableStep, int shift) {
-    fir::Vec acc = fir::zero();
-    const fir::Vec lanes = lane_index();
-    const fir::Vec step = fir::set1(static_cast<int32_t>(tableStep));
-    const fir::Vec lane_steps = mullo(lanes, step);  // lane * T, wrapping like the scalar positions
-    // Left wing: x[c - k] at t0 + k*T, k = kLeftFirst .. kLeftLast.
-    int32_t k = kLeftFirst;
-    for (; k + kW - 1 <= kLeftLast; k += kW) {
-        const fir::Vec t = fir::add(fir::set1(static_cast<int32_t>(t0 + static_cast<uint32_t>(k) * tableStep)), lane_steps);
-        acc = fir::add(acc, taps(t, reverse(widen(x + c - k - (kW - 1))), shift));
+    // Each output at 128 entries per tap: x[c - 15 .. c] against the
+    // reversed row of t0, x[c + 1 .. c + 16] against the row of 128 entries
+    // - t0.
+    // One output's taps at 128 entries per tap, lane by lane: x[c - 15 .. c]
+    // against the reversed row of t0, x[c + 1 .. c + 16] against the row of
+    // 128 entries - t0.
+    [[gnu::always_inline]] static V output(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t i) {
+        const int32_t at = kPad + o.at[i];
+        const int32_t *wl = r.wingRev[0] + o.left[i], *wr = r.wing[0] + o.right[i];
+        const uint32_t *hl = r.deltaHighRev[0] + o.left[i], *hr = r.deltaHigh[0] + o.right[i];
+        const uint32_t *ll = r.deltaLowRev[0] + o.left[i], *lr = r.deltaLow[0] + o.right[i];
+        const V gl1 = set1(static_cast<uint32_t>(o.gl[i])), gr1 = set1(static_cast<uint32_t>(o.gr[i]));
+        const V gl2 = set1(static_cast<uint32_t>(o.gl2[i])), gr2 = set1(static_cast<uint32_t>(o.gr2[i]));
+        V sum0 = set1(0), sum1 = set1(0);
+#pragma GCC unroll 4
+        for (int m = 0; m < 16; m += kLanes) {
+            const V cl = add(add(load(wl + m), madd16(loadu(hl + m), gl2)), mulhiu16(loadu(ll + m), gl1));
+            sum0 = add(sum0, taps(cl, w, at - 15 + m));
+            const V cr = add(add(load(wr + m), madd16(loadu(hr + m), gr2)), mulhiu16(loadu(lr + m), gr1));
+            sum1 = add(sum1, taps(cr, w, at + 1 + m));
+        }
+        return add(sum0, sum1);
     }
-    if (k <= kLeftLast) {
-        alignas(32) int16_t part[kW] = {};
-        for (int32_t i = 0; k + i <= kLeftLast; ++i) part[i] = x[c - k - i];
-        const fir::Vec t = fir::add(fir::set1(static_cast<int32_t>(t0 + static_cast<uint32_t>(k) * tableStep)), lane_steps);
-        acc = fir::add(acc, taps(t, widen(part), shift));
+
+    static void rows(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t n, uint32_t *acc) {
+        for (uint32_t i = 0; i < n; ++i) acc[i] = sum(output(w, r, o, i));
     }
-    // Right wing: x[c + k] at k*T - t0, k = 1 .. kRightLast.
-    k = 1;
-    for (; k + kW - 1 <= kRightLast; k += kW) {
-        const fir::Vec t = fir::add(fir::set1(static_cast<int32_t>(static_cast<uint32_t>(k) * tableStep - t0)), lane_steps);
-        acc = fir::add(acc, taps(t, widen(x + c + k), shift));
+
+    static void where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, UnityOutputs &o) {
+        where_plain<kFractionShift>(r, base, 0, n, far, o);
+        for (uint32_t j = 0; j < n; ++j) {
+            const auto gl = static_cast<uint32_t>(o.gl[j]), gr = static_cast<uint32_t>(o.gr[j]);
+            o.gl2[j] = static_cast<int32_t>((gl >> 1) | (gl - (gl >> 1)) << 16);
+            o.gr2[j] = static_cast<int32_t>((gr >> 1) | (gr - (gr >> 1)) << 16);
+        }
     }
-    if (k <= kRightLast) {
-        alignas(32) int16_t part[kW] = {};
-        for (int32_t i = 0; k + i <= kRightLast; ++i) part[i] = x[c + k + i];
-        const fir::Vec t = fir::add(fir::set1(static_cast<int32_t>(static_cast<uint32_t>(k) * tableStep - t0)), lane_steps);
-        acc = fir::add(acc, taps(t, widen(part), shift));
+
+    // sinc_finish on a register of outputs: with |a| < 2^15 and G < 2^31,
+    // y = (a * G + 2^22) >> 23 (the rounding of (((a * G) >> 15) + 128) >> 8)
+    // lies below 2^23 and y << s (s <= 8) below 2^31, so only the 16-bit
+    // saturation can bite (packssdw). Bits 23..54 of each 64-bit product
+    // are y.
+    static void finish(const uint32_t *acc, uint32_t n, uint32_t gain, int shift, int16_t *out) {
+        const V g = set1(gain);
+        const __m128i count = _mm_cvtsi32_si128(shift);
+        uint32_t i = 0;
+        for (; i + kLanes <= n; i += kLanes) {
+            const V a = srai(load(reinterpret_cast<const int32_t *>(acc + i)), 16);
+            const V even = mul64(a, g), odd = mul64(srl64(a, 32), g);
+            const V y = sll(blend_odd(srl64(add64(even, bias()), 23), sll64(add64(odd, bias()), 9)), count);
+            store_packed(out + i, y);
+        }
+        for (; i < n; ++i) out[i] = sinc_finish(acc[i], gain, shift);
     }
-    return lane_sum(acc);
-}
+
+    // Coefficients at table positions t (below the table's end).
+    [[gnu::always_inline]] static V coefficient(V t) {
+        V wing, delta;
+        gather(min(srl(t, 16), set1(kSincWingLength - 1)), &wing, &delta);
+        const V g = and_(t, set1(0xFFFF));
+        return add(wing, mul_shift16(delta, add(g, srl(g, 15))));
+    }
+
+    // Coefficients of window taps w = 0 .. taps-1 (x[c - h + w]): the left
+    // wing at a - w*T for w <= h, then the right at w*T - a over what the
+    // left wing's last group wrote past h; zero from `taps` to the end of the
+    // last group.
+    static void coefs(int32_t *coef, int32_t taps, uint32_t a, uint32_t tableStep, int32_t h) {
+        const V step = set1(tableStep * kLanes), av = set1(a);
+        V wt = mullo(lanes(), set1(tableStep));
+        for (int32_t w = 0; w <= h; w += kLanes, wt = add(wt, step)) store(coef + w, coefficient(sub(av, wt)));
+        wt = mullo(add(lanes(), set1(static_cast<uint32_t>(h) + 1)), set1(tableStep));
+        for (int32_t w = h + 1; w < taps; w += kLanes, wt = add(wt, step)) store(coef + w, coefficient(sub(wt, av)));
+        for (int32_t w = taps; w < taps + kLanes; ++w) coef[w] = 0;
+    }
+
+    // One output below 128 entries per tap from the block's slot table
+    // (sinc_block.hpp): rows e and e + 1 picked per lane by the carry of
+    // the fraction, r + q on the left wing, r - q on the right.
+    static uint32_t slot_output(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
+        const int32_t *w0 = s.wing + (t0 >> 16) * static_cast<uint32_t>(s.len);
+        const int32_t *d0 = s.delta + (t0 >> 16) * static_cast<uint32_t>(s.len);
+        const V qp = set1(t0 & 0xFFFFu), qn = set1(0u - (t0 & 0xFFFFu));
+        V acc = set1(0);
+        for (int32_t i = 0; i < s.len; i += kLanes) {
+            const V sq = add(loadu(s.frac + i), select(loadu(s.right + i), qn, qp));
+            const V next = less(set1(0), srl(sq, 16));
+            const V g = and_(sq, set1(0xFFFF));
+            const V wing = select(next, load(w0 + s.len + i), load(w0 + i));
+            const V delta = select(next, load(d0 + s.len + i), load(d0 + i));
+            const V c = add(wing, mul_shift16(delta, add(g, srl(g, 15))));
+            acc = add(acc, taps(c, win, kPad + first + i));
+        }
+        return sum(acc);
+    }
+
+    static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t n) {
+        V acc = set1(0);
+        for (int32_t w = 0; w < n; w += kLanes) acc = add(acc, taps(load(coef + w), win, kPad + first + w));
+        return sum(acc);
+    }
+};
 
 }  // namespace
-}  // namespace rsmpl
+}  // namespace rsmpl::sinc
