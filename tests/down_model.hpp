@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "rsmpl/interface/context.hpp"
 #include "rsmpl/fir/downsample_kernels.hpp"
 #include "rsmpl/fir/downsample_tables.hpp"
+#include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
 #include "support.hpp"
 

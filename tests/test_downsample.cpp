@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/interface/context.hpp"
 #include "rsmpl/fir/downsample_kernels.hpp"
 #include "rsmpl/fir/downsample_tables.hpp"
+#include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
 #include "down_model.hpp"
 #include "support.hpp"

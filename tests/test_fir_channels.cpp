@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/interface/context.hpp"
 #include "rsmpl/fir/fir_channels.hpp"
+#include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
 #include "support.hpp"
 

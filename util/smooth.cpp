@@ -8,8 +8,8 @@
 // a full-scale target, or for negative coefficients.
 #include <cstdint>
 
-#include "util/fixed.hpp"
 #include <rsmpl/rsmpl_util.h>
+#include "util/fixed.hpp"
 
 namespace {
 

@@ -14,7 +14,7 @@ namespace rsmpl {
 
 namespace {
 
-constexpr up::Engine kScalarUp{"scalar",         up::fir2to3_scalar, up::fir1to2_scalar,
+constexpr up::Kernels kScalarUp{"scalar",         up::fir2to3_scalar, up::fir1to2_scalar,
                                up::fir1to3_scalar, up::fir1to4_scalar, up::fir1to6_scalar};
 constexpr down::Kernels kScalarDown{down::fir2to1_scalar, down::fir3to1_scalar, down::fir4to1_scalar,
                                     down::fir6to1_scalar, down::fir3to2_scalar};
@@ -28,15 +28,15 @@ const KernelSet kScalarKernels{
 };
 #if defined(__x86_64__)
 const KernelSet kSse41Kernels{
-    EngineId::sse41, "sse41", up::kEngineSse41, down::kKernelsSse41, sinc_run_sse41, linear_expand_sse41, linear_shrink_sse41,
+    EngineId::sse41, "sse41", up::kKernelsSse41, down::kKernelsSse41, sinc_run_sse41, linear_expand_sse41, linear_shrink_sse41,
 };
 const KernelSet kAvx2Kernels{
-    EngineId::avx2, "avx2", up::kEngineAvx2, down::kKernelsAvx2, sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
+    EngineId::avx2, "avx2", up::kKernelsAvx2, down::kKernelsAvx2, sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
 };
 #endif
 #if defined(__aarch64__)
 const KernelSet kNeonKernels{
-    EngineId::neon, "neon", up::kEngineNeon, down::kKernelsNeon, sinc_run_neon, linear_expand_neon, linear_shrink_neon,
+    EngineId::neon, "neon", up::kKernelsNeon, down::kKernelsNeon, sinc_run_neon, linear_expand_neon, linear_shrink_neon,
 };
 #endif
 

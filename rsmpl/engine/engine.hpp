@@ -19,8 +19,8 @@
 #include <span>
 
 #include "rsmpl/fir/downsample_kernels.hpp"
-#include "rsmpl/linear/linear_kernels.hpp"
 #include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/linear/linear_kernels.hpp"
 
 namespace rsmpl {
 
@@ -33,7 +33,7 @@ using SincKernel = void (*)(const SincRun &run, int16_t *out);
 struct KernelSet {
     EngineId id;
     const char *name;
-    const up::Engine &up;
+    const up::Kernels &up;
     const down::Kernels &down;
     SincKernel sinc;
     LinearExpand linear_expand;

@@ -14,7 +14,7 @@ namespace rsmpl {
 struct SincRun;
 
 namespace up {
-extern const Engine kEngineSse41, kEngineAvx2, kEngineNeon;
+extern const Kernels kKernelsSse41, kKernelsAvx2, kKernelsNeon;
 }
 namespace down {
 extern const Kernels kKernelsSse41, kKernelsAvx2, kKernelsNeon;

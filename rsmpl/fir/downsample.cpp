@@ -5,13 +5,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "rsmpl/interface/context.hpp"
+#include "rsmpl/engine/engine.hpp"
 #include "rsmpl/fir/downsample_kernels.hpp"
 #include "rsmpl/fir/downsample_tables.hpp"
-#include "rsmpl/engine/engine.hpp"
+#include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
-#include "util/fixed.hpp"
 #include <rsmpl/rsmpl_util.h>
+#include "util/fixed.hpp"
 
 namespace rsmpl::down {
 namespace {

@@ -62,7 +62,7 @@ inline constexpr std::array<int16_t, 96> DownsampleCoef6To1 = mirrored<48>({
 namespace detail {
 inline constexpr std::array<int16_t, 15> kA3To2 = {291,  -632,  -1235, 1772, 597, -4360, 4885, 20059,
                                                     13816, -2083, -2524, 2303, 64,  -1348, 79};
-constexpr std::array<int16_t, 32> phases3To2() {
+constexpr std::array<int16_t, 32> phases3to2() {
     std::array<int16_t, 32> t{};
     for (std::size_t k = 0; k < 15; ++k) {
         t[k] = kA3To2[k];
@@ -71,7 +71,7 @@ constexpr std::array<int16_t, 32> phases3To2() {
     return t;
 }
 }  // namespace detail
-inline constexpr std::array<int16_t, 32> DownsampleCoef3To2 = detail::phases3To2();
+inline constexpr std::array<int16_t, 32> DownsampleCoef3To2 = detail::phases3to2();
 
 // Shape of a stored table; index() is the one place that maps (phase, tap)
 // to storage.

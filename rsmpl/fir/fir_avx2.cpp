@@ -6,7 +6,7 @@
 
 namespace rsmpl {
 
-constinit const up::Engine up::kEngineAvx2 = fir::up_engine("avx2");
+constinit const up::Kernels up::kKernelsAvx2 = fir::up_kernels("avx2");
 constinit const down::Kernels down::kKernelsAvx2 = fir::down_kernels();
 
 }  // namespace rsmpl

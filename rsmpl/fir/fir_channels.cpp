@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "rsmpl/interface/context.hpp"
 #include "rsmpl/engine/engine.hpp"
+#include "rsmpl/interface/context.hpp"
 
 namespace rsmpl::fir {
 namespace {

@@ -121,7 +121,7 @@ constexpr PairLayout<2 * L, N / 2 + 1> up_layout(const int16_t (&t)[L][N]) {
     return l;
 }
 
-constexpr PairLayout<3, 8> up3to2_layout() {
+constexpr PairLayout<3, 8> up2to3_layout() {
     PairLayout<3, 8> l;
     l.b0 = 1;
     l.unit_in = 2;
@@ -193,7 +193,7 @@ constexpr Layout with_id(Layout l, int id) {
     return l;
 }
 }  // namespace detail
-inline constexpr auto kUp2To3 = detail::with_id(detail::up3to2_layout(), 0);
+inline constexpr auto kUp2To3 = detail::with_id(detail::up2to3_layout(), 0);
 inline constexpr auto kUp1To2 = detail::with_id(detail::up_layout(up::kFir1To2), 1);
 inline constexpr auto kUp1To3 = detail::with_id(detail::up_layout(up::kFir1To3), 2);
 inline constexpr auto kUp1To4 = detail::with_id(detail::up_layout(up::kFir1To4), 3);

@@ -25,9 +25,9 @@
 #include <arm_neon.h>
 
 #include "rsmpl/engine/isa_kernels.hpp"
+#include "rsmpl/engine/mca.hpp"
 #include "rsmpl/fir/fir_driver.hpp"
 #include "rsmpl/fir/fir_rows.hpp"
-#include "rsmpl/engine/mca.hpp"
 
 namespace rsmpl::fir {
 namespace {
@@ -325,7 +325,7 @@ RSMPL_NEON_FIR(down3to2, kRowsDown3To2, "down3to2")
 
 }  // namespace
 
-constinit const up::Engine up::kEngineNeon{"neon", up2to3, up1to2, up1to3, up1to4, up1to6};
+constinit const up::Kernels up::kKernelsNeon{"neon", up2to3, up1to2, up1to3, up1to4, up1to6};
 constinit const down::Kernels down::kKernelsNeon{down2to1, down3to1, down4to1, down6to1, down3to2};
 
 }  // namespace rsmpl

@@ -138,7 +138,7 @@ constexpr RowLayout<L, N> up(const int16_t (&t)[L][N]) {
     return l;
 }
 
-constexpr RowLayout<3, 17> up3to2() {
+constexpr RowLayout<3, 17> up2to3() {
     RowLayout<3, 17> l;
     l.D = 2;
     l.history = 15;
@@ -180,7 +180,7 @@ inline constexpr auto kRowsUp1To2 = rows::up(up::kFir1To2);
 inline constexpr auto kRowsUp1To3 = rows::up(up::kFir1To3);
 inline constexpr auto kRowsUp1To4 = rows::up(up::kFir1To4);
 inline constexpr auto kRowsUp1To6 = rows::up(up::kFir1To6);
-inline constexpr auto kRowsUp2To3 = rows::up3to2();
+inline constexpr auto kRowsUp2To3 = rows::up2to3();
 inline constexpr auto kRowsDown2To1 = rows::down<72>(down::kTable2To1, 2);
 inline constexpr auto kRowsDown3To1 = rows::down<48>(down::kTable3To1, 3);
 inline constexpr auto kRowsDown4To1 = rows::down<64>(down::kTable4To1, 4);

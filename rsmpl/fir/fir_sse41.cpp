@@ -5,7 +5,7 @@
 
 namespace rsmpl {
 
-constinit const up::Engine up::kEngineSse41 = fir::up_engine("sse41");
+constinit const up::Kernels up::kKernelsSse41 = fir::up_kernels("sse41");
 constinit const down::Kernels down::kKernelsSse41 = fir::down_kernels();
 
 }  // namespace rsmpl

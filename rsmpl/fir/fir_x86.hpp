@@ -26,10 +26,10 @@
 
 #include <immintrin.h>
 
+#include "rsmpl/engine/mca.hpp"
 #include "rsmpl/fir/downsample_kernels.hpp"
 #include "rsmpl/fir/fir_driver.hpp"
 #include "rsmpl/fir/upsample.hpp"
-#include "rsmpl/engine/mca.hpp"
 
 namespace rsmpl::fir {
 namespace {
@@ -435,7 +435,7 @@ struct X86 {
 };
 
 // An x86 engine's stage kernels, one per stage layout of fir_layout.hpp.
-constexpr up::Engine up_engine(const char *name) {
+constexpr up::Kernels up_kernels(const char *name) {
     return {name, run<X86, kUp2To3>, run<X86, kUp1To2>, run<X86, kUp1To3>, run<X86, kUp1To4>, run<X86, kUp1To6>};
 }
 constexpr down::Kernels down_kernels() {

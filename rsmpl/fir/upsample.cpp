@@ -7,12 +7,12 @@
 
 #include <cstring>
 
-#include "rsmpl/interface/context.hpp"
 #include "rsmpl/engine/engine.hpp"
-#include <rsmpl/rsmpl.h>
 #include "rsmpl/fir/upsample_tables.hpp"
-#include "util/fixed.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 #include <rsmpl/rsmpl_util.h>
+#include "util/fixed.hpp"
 
 namespace rsmpl::up {
 namespace {
@@ -51,7 +51,7 @@ void fir1to3_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(
 void fir1to4_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To4, x, out, count); }
 void fir1to6_scalar(const int16_t *x, int16_t *out, int32_t count) { fir_ref<1>(kFir1To6, x, out, count); }
 
-const Engine &active_engine() { return kernels().up; }
+const Kernels &active_engine() { return kernels().up; }
 
 namespace {
 
@@ -62,7 +62,7 @@ struct Stage {
     int32_t phases;   // outputs per group
     int32_t history;  // H: newest input samples kept at the start of the context
     int32_t tail;     // T: inputs filtered from the working frame
-    Kernel Engine::*kernel;
+    Kernel Kernels::*kernel;
 
     constexpr int32_t outputs(int32_t n) const { return phases * (n / group); }
     // The wrapper uses out up to here: the outputs, and for an odd n on 3:2
@@ -70,11 +70,11 @@ struct Stage {
     constexpr int32_t scratch(int32_t n) const { return outputs(n) + n % group; }
 };
 
-constexpr Stage kUp3_2{2, 3, 15, 12, &Engine::fir2to3};
-constexpr Stage kUp2_1{1, 2, 35, 18, &Engine::fir1to2};
-constexpr Stage kUp3_1{1, 3, 15, 6, &Engine::fir1to3};
-constexpr Stage kUp4_1{1, 4, 15, 4, &Engine::fir1to4};
-constexpr Stage kUp6_1{1, 6, 15, 3, &Engine::fir1to6};
+constexpr Stage kUp2To3{2, 3, 15, 12, &Kernels::fir2to3};
+constexpr Stage kUp1To2{1, 2, 35, 18, &Kernels::fir1to2};
+constexpr Stage kUp1To3{1, 3, 15, 6, &Kernels::fir1to3};
+constexpr Stage kUp1To4{1, 4, 15, 4, &Kernels::fir1to4};
+constexpr Stage kUp1To6{1, 6, 15, 3, &Kernels::fir1to6};
 
 constexpr uint32_t bytes(int32_t samples) { return static_cast<uint32_t>(samples) * sizeof(int16_t); }
 
@@ -122,7 +122,7 @@ void run_stage(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
 namespace {
 
 // pthread_once, not a guarded static: librsmpl must not need libstdc++.
-Engine g_engines[4];
+Kernels g_engines[4];
 size_t g_engine_count;
 pthread_once_t g_engines_once = PTHREAD_ONCE_INIT;
 
@@ -132,7 +132,7 @@ void fill_engines() {
 
 }  // namespace
 
-std::span<const Engine> engines() {
+std::span<const Kernels> engines() {
     pthread_once(&g_engines_once, fill_engines);
     return {g_engines, g_engine_count};
 }
@@ -149,10 +149,10 @@ void UpsampleFIR1To3(const int16_t *x, int16_t *out, int32_t count) { active_eng
 void UpsampleFIR1To4(const int16_t *x, int16_t *out, int32_t count) { active_engine().fir1to4(x, out, count); }
 void UpsampleFIR1To6(const int16_t *x, int16_t *out, int32_t count) { active_engine().fir1to6(x, out, count); }
 
-void Upsample3_2(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp3_2>(in, out, ctx, n); }
-void Upsample2_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp2_1>(in, out, ctx, n); }
-void Upsample3_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp3_1>(in, out, ctx, n); }
-void Upsample4_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp4_1>(in, out, ctx, n); }
-void Upsample6_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp6_1>(in, out, ctx, n); }
+void Upsample3_2(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp2To3>(in, out, ctx, n); }
+void Upsample2_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp1To2>(in, out, ctx, n); }
+void Upsample3_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp1To3>(in, out, ctx, n); }
+void Upsample4_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp1To4>(in, out, ctx, n); }
+void Upsample6_1(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) { run_stage<kUp1To6>(in, out, ctx, n); }
 
 }  // extern "C"

@@ -14,19 +14,19 @@ namespace rsmpl::up {
 using Kernel = void (*)(const int16_t *x, int16_t *out, int32_t count);
 
 // The five kernels of one implementation.
-struct Engine {
+struct Kernels {
     const char *name;
     Kernel fir2to3, fir1to2, fir1to3, fir1to4, fir1to6;
 };
 
-// Every engine this machine can run (rsmpl/engine/engine.hpp), the scalar reference
-// first. The scalar engine is the definition of the arithmetic; a vector
-// engine lives in its own source file and must match it bit for bit. The
-// tests run every engine listed here.
-std::span<const Engine> engines();
+// Every engine this machine can run (rsmpl/engine/engine.hpp), the scalar
+// reference first. The scalar engine is the definition of the arithmetic; a
+// vector engine lives in its own source file and must match it bit for bit.
+// The tests run every engine listed here.
+std::span<const Kernels> engines();
 
 // The engine behind the exported kernels and the wrappers.
-const Engine &active_engine();
+const Kernels &active_engine();
 
 // The scalar reference kernels.
 void fir2to3_scalar(const int16_t *x, int16_t *out, int32_t count);

@@ -29,25 +29,25 @@
 
 #include <pthread.h>
 
-#include "rsmpl/interface/context.hpp"
 #include "rsmpl/engine/engine.hpp"
+#include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
+#include <rsmpl/rsmpl_util.h>
 #include "rsmpl/sinc/sinc_kernel.hpp"
 #include "util/fixed.hpp"
-#include <rsmpl/rsmpl_util.h>
 
 namespace rsmpl {
 
 #include "rsmpl/sinc/sinc_tables.inc"
 
-uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast,
-                                int32_t kRightLast, uint32_t t0, uint32_t tableStep, int shift) {
+uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t leftFirst, int32_t leftLast,
+                                int32_t rightLast, uint32_t t0, uint32_t tableStep, int shift) {
     uint32_t acc = 0;
-    for (int32_t k = kLeftFirst; k <= kLeftLast; ++k) {
+    for (int32_t k = leftFirst; k <= leftLast; ++k) {
         const int32_t coef = sinc_coefficient(t0 + static_cast<uint32_t>(k) * tableStep);
         acc += static_cast<uint32_t>((int64_t{coef} * (x[c - k] >> shift)) >> 16);
     }
-    for (int32_t k = 1; k <= kRightLast; ++k) {
+    for (int32_t k = 1; k <= rightLast; ++k) {
         const int32_t coef = sinc_coefficient(static_cast<uint32_t>(k) * tableStep - t0);
         acc += static_cast<uint32_t>((int64_t{coef} * (x[c + k] >> shift)) >> 16);
     }

@@ -37,14 +37,14 @@ inline uint32_t sinc_advance(uint32_t step, uint32_t n) {
 }
 
 // One output's filter sum, the reference scalar form. x[c] is the centre
-// sample; the left wing covers x[c - k] for k = kLeftFirst..kLeftLast (k = 0 is
+// sample; the left wing covers x[c - k] for k = leftFirst..leftLast (k = 0 is
 // the centre) at table positions t0 + k*T, the right wing x[c + k] for
-// k = 1..kRightLast at k*T - t0. Samples are pre-shifted right by `shift` and
+// k = 1..rightLast at k*T - t0. Samples are pre-shifted right by `shift` and
 // each Q31 x Q15 product is taken to Q30 (>> 16, floor). The sum is 32-bit
 // with wrap-around, returned as its bit pattern. A vector kernel replaces
 // exactly this function (rsmpl/engine/engine.hpp).
-uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t kLeftFirst, int32_t kLeftLast,
-                                int32_t kRightLast, uint32_t t0, uint32_t tableStep, int shift);
+uint32_t sinc_accumulate_scalar(const int16_t *x, int32_t c, int32_t leftFirst, int32_t leftLast,
+                                int32_t rightLast, uint32_t t0, uint32_t tableStep, int shift);
 
 // Q14 sum to Q15 output: a * G (Q24) rounded, the headroom shift undone.
 // y is below 2^17, so the 32-bit saturation of y << s never bites; sat16 does.
