@@ -1,6 +1,6 @@
 // The sinc interpolator's outputs over one block, shared by the vector
 // engines; each instruction set supplies the three sums (see sinc_x86.hpp,
-// sinc_neon.hpp). Equal to sinc_run_scalar bit for bit:
+// sinc_neon.cpp). Equal to sinc_run_scalar bit for bit:
 //
 //   - the samples are shifted once per block into 32-bit lanes in the form
 //     the instruction set multiplies best (Isa::Window), with zero padding
