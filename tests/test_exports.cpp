@@ -79,7 +79,9 @@ TEST(Exports, LibraryHasItsSonameAndNoPathOrAlsaDependency) {
     EXPECT_EQ(r.output.find("RUNPATH"), std::string::npos) << r.output;
     EXPECT_EQ(r.output.find("libasound"), std::string::npos) << r.output;
     // The sanitizers' run-time checks call into the C++ run-time library.
-    if (!kSanitized) EXPECT_EQ(r.output.find("libstdc++"), std::string::npos) << r.output;
+    if (!kSanitized) {
+        EXPECT_EQ(r.output.find("libstdc++"), std::string::npos) << r.output;
+    }
 }
 
 }  // namespace
