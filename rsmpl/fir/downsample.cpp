@@ -106,19 +106,19 @@ void DownsampleFIR6To1(const int16_t *x, int16_t *out, int32_t count) { active()
 void DownsampleFIR3To2(const int16_t *x, int16_t *out, int32_t count) { active().fir3to2(x, out, count); }
 
 void Downsample1_2(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To2>(active().fir2to1, in, out, ctx, n);
+    run_stage<kGeom2To1>(active().fir2to1, in, out, ctx, n);
 }
 void Downsample1_3(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To3>(active().fir3to1, in, out, ctx, n);
+    run_stage<kGeom3To1>(active().fir3to1, in, out, ctx, n);
 }
 void Downsample1_4(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To4>(active().fir4to1, in, out, ctx, n);
+    run_stage<kGeom4To1>(active().fir4to1, in, out, ctx, n);
 }
 void Downsample1_6(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom1To6>(active().fir6to1, in, out, ctx, n);
+    run_stage<kGeom6To1>(active().fir6to1, in, out, ctx, n);
 }
 void Downsample2_3(const int16_t *in, int16_t *out, RSMPL_Ctx *ctx, int32_t n) {
-    run_stage<kGeom2To3>(active().fir3to2, in, out, ctx, n);
+    run_stage<kGeom3To2>(active().fir3to2, in, out, ctx, n);
 }
 
 }  // extern "C"

@@ -118,11 +118,11 @@ struct StageGeometry {
 };
 
 // Index order of RSMPL_Down: 0 = 2:3, 1 = 1:2, 2 = 1:3, 3 = 1:4, 4 = 1:6.
-inline constexpr StageGeometry kGeom2To3{3, 2, 14, 48};
-inline constexpr StageGeometry kGeom1To2{2, 1, 70, 144};
-inline constexpr StageGeometry kGeom1To3{3, 1, 45, 72};
-inline constexpr StageGeometry kGeom1To4{4, 1, 60, 80};
-inline constexpr StageGeometry kGeom1To6{6, 1, 90, 108};
+inline constexpr StageGeometry kGeom3To2{3, 2, 14, 48};
+inline constexpr StageGeometry kGeom2To1{2, 1, 70, 144};
+inline constexpr StageGeometry kGeom3To1{3, 1, 45, 72};
+inline constexpr StageGeometry kGeom4To1{4, 1, 60, 80};
+inline constexpr StageGeometry kGeom6To1{6, 1, 90, 108};
 
 // Why one buffer may serve as in and out: the frame pass's outputs end below
 // the direct pass's first input, the direct pass writes each output no higher
@@ -132,13 +132,13 @@ constexpr bool in_place_safe(StageGeometry g) {
     return g.direct_out() <= g.direct_in() && g.group_out <= g.group_in && g.first_block % g.group_in == 0 &&
            g.history <= g.first_block;
 }
-static_assert(in_place_safe(kGeom2To3) && in_place_safe(kGeom1To2) && in_place_safe(kGeom1To3) &&
-              in_place_safe(kGeom1To4) && in_place_safe(kGeom1To6));
+static_assert(in_place_safe(kGeom3To2) && in_place_safe(kGeom2To1) && in_place_safe(kGeom3To1) &&
+              in_place_safe(kGeom4To1) && in_place_safe(kGeom6To1));
 
 // A 1:M history is the span of one output minus the group it consumes.
-static_assert(kGeom1To2.history == kTable2To1.taps - 2 && kGeom1To3.history == kTable3To1.taps - 3 &&
-              kGeom1To4.history == kTable4To1.taps - 4 && kGeom1To6.history == kTable6To1.taps - 6);
+static_assert(kGeom2To1.history == kTable2To1.taps - 2 && kGeom3To1.history == kTable3To1.taps - 3 &&
+              kGeom4To1.history == kTable4To1.taps - 4 && kGeom6To1.history == kTable6To1.taps - 6);
 // A 2:3 output pair spans 17 inputs: phase 1 ends one sample after phase 0.
-static_assert(kGeom2To3.history == kTable3To2.taps + 1 - 3);
+static_assert(kGeom3To2.history == kTable3To2.taps + 1 - 3);
 
 }  // namespace rsmpl::down
