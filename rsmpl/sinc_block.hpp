@@ -80,14 +80,15 @@ struct UnityOutputs {
 // (r +- q) mod 2^16. A block's slot table holds, in window order, the
 // entries of every tap for each e (row e: K + e left, K - e right), so the
 // taps of an output are two contiguous rows, e and e + 1, picked per lane
-// by the carry; `frac` holds r, `right` marks the right wing's lanes.
+// by the carry; `frac` holds r, `sign` the sign of q in the lane's fraction
+// (1 on the left wing, -1 on the right, 0 past the taps).
 // 34 KB, on the stack of the engines that use it.
 constexpr int32_t kSlotCells = 4096;
 struct NoSlots {};
 struct Slots {
     int32_t rows = 0, len = 0;
     alignas(64) uint32_t frac[kCoefs];
-    alignas(64) uint32_t right[kCoefs];
+    alignas(64) int32_t sign[kCoefs];
     alignas(64) int32_t wing[kSlotCells];
     alignas(64) int32_t delta[kSlotCells];
 };
@@ -110,7 +111,7 @@ bool build_slots(const SincRun &r, Slots &s) {
         const uint32_t kt = static_cast<uint32_t>(k) * r.tableStep;
         const bool right = w > r.h && w < taps;
         s.frac[w] = kt & 0xFFFFu;
-        s.right[w] = right ? ~0u : 0u;
+        s.sign[w] = right ? -1 : (w < taps ? 1 : 0);
         // Past the taps: the zeros before the wing.
         first[w] = w >= taps ? 0 : SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16);
     }
@@ -119,7 +120,7 @@ bool build_slots(const SincRun &r, Slots &s) {
             typename Isa::V wv[L], dv[L];
             for (int c = 0; c < L; ++c) {
                 const int32_t w = w0 + c;
-                if (s.right[w] != 0u) {
+                if (s.sign[w] < 0) {
                     const int32_t at = first[w] - e0 - (L - 1);
                     wv[c] = Isa::reverse(Isa::load(t.wingPadded + at));
                     dv[c] = Isa::reverse(Isa::load(t.deltaPadded + at));
@@ -194,14 +195,18 @@ void run(const SincRun &r, int16_t *out) {
             Isa::where(r, base, n, far, o);
             Isa::rows(w, *rows, o, n, acc);
         } else if (slots != nullptr) {
-            if constexpr (Isa::kSlots)
+            if constexpr (Isa::kSlots) {
+                // Where each output reads first, so the sums run back to back.
+                alignas(64) int32_t first[kChunk];
+                alignas(64) uint32_t t0s[kChunk];
                 for (uint32_t j = 0; j < n; ++j) {
                     const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
-                    const int32_t centre = std::min(static_cast<int32_t>(p >> 16) + r.h, far);
+                    first[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) - r.h;
                     const uint32_t f = p & 0xFFFFu;
-                    const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
-                    acc[j] = Isa::slot_output(w, centre - r.h, *slots, t0);
+                    t0s[j] = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
                 }
+                Isa::slot_outputs(w, *slots, first, t0s, n, acc);
+            }
         } else {
             for (uint32_t j = 0; j < n; ++j) {
                 const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
