@@ -199,12 +199,7 @@ void run(const SincRun &r, int16_t *out) {
                 // Where each output reads first, so the sums run back to back.
                 alignas(64) int32_t first[kChunk];
                 alignas(64) uint32_t t0s[kChunk];
-                for (uint32_t j = 0; j < n; ++j) {
-                    const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
-                    first[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) - r.h;
-                    const uint32_t f = p & 0xFFFFu;
-                    t0s[j] = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
-                }
+                Isa::slot_where(r, base, n, far, first, t0s);
                 Isa::slot_outputs(w, *slots, first, t0s, n, acc);
             }
         } else {

@@ -73,7 +73,8 @@ struct X86 {
     // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
     static V mul_shift16(V a, V b) {
         const V even = _mm256_srli_epi64(_mm256_mul_epi32(a, b), 16);
-        const V odd = _mm256_slli_epi64(_mm256_mul_epi32(_mm256_srli_epi64(a, 32), _mm256_srli_epi64(b, 32)), 16);
+        // Odd lanes moved down by shuffles: they leave the shift units to the rest.
+        const V odd = _mm256_slli_epi64(_mm256_mul_epi32(_mm256_shuffle_epi32(a, 0xF5), _mm256_shuffle_epi32(b, 0xF5)), 16);
         return _mm256_blend_epi32(even, odd, 0xAA);
     }
     static void gather(V j, V *wing, V *delta) {
@@ -81,6 +82,8 @@ struct X86 {
         *delta = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWingDelta), j, 4);
     }
     static V sign(V a, V b) { return _mm256_sign_epi32(a, b); }
+    static V mulu64(V a, V b) { return _mm256_mul_epu32(a, b); }
+    static V odd_down(V a) { return _mm256_shuffle_epi32(a, 0xF5); }
     // a where the lane's sign bit is set, else b: a bit select, no arithmetic.
     static V select_sign(V s, V a, V b) {
         return _mm256_castps_si256(
@@ -143,7 +146,7 @@ struct X86 {
     }
     static V mul_shift16(V a, V b) {
         const V even = _mm_srli_epi64(_mm_mul_epi32(a, b), 16);
-        const V odd = _mm_slli_epi64(_mm_mul_epi32(_mm_srli_epi64(a, 32), _mm_srli_epi64(b, 32)), 16);
+        const V odd = _mm_slli_epi64(_mm_mul_epi32(_mm_shuffle_epi32(a, 0xF5), _mm_shuffle_epi32(b, 0xF5)), 16);
         return _mm_blend_epi16(even, odd, 0xCC);
     }
     static void gather(V j, V *wing, V *delta) {
@@ -153,6 +156,8 @@ struct X86 {
         *delta = _mm_setr_epi32(sincWingDelta[i[0]], sincWingDelta[i[1]], sincWingDelta[i[2]], sincWingDelta[i[3]]);
     }
     static V sign(V a, V b) { return _mm_sign_epi32(a, b); }
+    static V mulu64(V a, V b) { return _mm_mul_epu32(a, b); }
+    static V odd_down(V a) { return _mm_shuffle_epi32(a, 0xF5); }
     static V select_sign(V s, V a, V b) {
         return _mm_castps_si128(_mm_blendv_ps(_mm_castsi128_ps(b), _mm_castsi128_ps(a), _mm_castsi128_ps(s)));
     }
@@ -276,6 +281,7 @@ struct X86 {
         const int32_t *d0 = s.delta + (t0 >> 16) * static_cast<uint32_t>(s.len);
         const V q = set1(t0 & 0xFFFFu);
         V acc = set1(0);
+#pragma GCC unroll 4
         for (int32_t i = 0; i < s.len; i += kLanes) {
             const V sq = add(loadu(s.frac + i), sign(q, load(s.sign + i)));
             const V next = slli(sq, 15);
@@ -286,6 +292,30 @@ struct X86 {
             acc = add(acc, taps(c, win, kPad + first + i));
         }
         return acc;
+    }
+
+    // First window sample and t0 of outputs base .. base + n - 1 (n < 2^16
+    // in all), kLanes at a time: sinc_advance and (f' * T) >> 16 in lanes,
+    // the latter below 2^40 before the shift, so taken in 64 bits.
+    static void slot_where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, int32_t *first, uint32_t *t0) {
+        const V whole = set1((r.step >> 16) << 8), part = set1(r.step & 0xFFFFu), table = set1(r.tableStep);
+        const V p0 = set1(r.p0), h = set1(static_cast<uint32_t>(r.h)), farv = set1(static_cast<uint32_t>(far));
+        uint32_t j = 0;
+        for (; j + kLanes <= n; j += kLanes) {
+            const V m = add(lanes(), set1(base + j));
+            const V p = add(add(p0, mullo(whole, m)), srl(add(mullo(part, m), set1(128)), 8));
+            store(first + j, sub(min(add(srl(p, 16), h), farv), h));
+            const V f = and_(p, set1(0xFFFF));
+            const V fw = add(f, srl(f, 15));
+            const V even = srl64(mulu64(fw, table), 16), odd = sll64(mulu64(odd_down(fw), table), 16);
+            store(reinterpret_cast<int32_t *>(t0 + j), blend_odd(even, odd));
+        }
+        for (; j < n; ++j) {
+            const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
+            first[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) - r.h;
+            const uint32_t f = p & 0xFFFFu;
+            t0[j] = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+        }
     }
 
     // The sums of n outputs from the slot table, kLanes reduced together.
