@@ -73,8 +73,7 @@ struct X86 {
     // Bits 16..47 of the 64-bit products of signed 32-bit lanes.
     static V mul_shift16(V a, V b) {
         const V even = _mm256_srli_epi64(_mm256_mul_epi32(a, b), 16);
-        // Odd lanes moved down by shuffles: they leave the shift units to the rest.
-        const V odd = _mm256_slli_epi64(_mm256_mul_epi32(_mm256_shuffle_epi32(a, 0xF5), _mm256_shuffle_epi32(b, 0xF5)), 16);
+        const V odd = _mm256_slli_epi64(_mm256_mul_epi32(_mm256_srli_epi64(a, 32), _mm256_srli_epi64(b, 32)), 16);
         return _mm256_blend_epi32(even, odd, 0xAA);
     }
     static void gather(V j, V *wing, V *delta) {
@@ -146,7 +145,7 @@ struct X86 {
     }
     static V mul_shift16(V a, V b) {
         const V even = _mm_srli_epi64(_mm_mul_epi32(a, b), 16);
-        const V odd = _mm_slli_epi64(_mm_mul_epi32(_mm_shuffle_epi32(a, 0xF5), _mm_shuffle_epi32(b, 0xF5)), 16);
+        const V odd = _mm_slli_epi64(_mm_mul_epi32(_mm_srli_epi64(a, 32), _mm_srli_epi64(b, 32)), 16);
         return _mm_blend_epi16(even, odd, 0xCC);
     }
     static void gather(V j, V *wing, V *delta) {
