@@ -157,6 +157,18 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
     }
 }
 
+// The sums of outputs base .. base + n - 1 from a slot table; out of line,
+// as its unrolled sums are large and run's other paths never need them.
+template <class Isa>
+[[gnu::noinline]] void slot_chunk(const SincRun &r, const typename Isa::Window &w, const Slots &slots, uint32_t base,
+                                  uint32_t n, int32_t far, uint32_t *acc) {
+    // Where each output reads first, so the sums run back to back.
+    alignas(64) int32_t first[kChunk];
+    alignas(64) uint32_t t0s[kChunk];
+    Isa::slot_where(r, base, n, far, first, t0s);
+    Isa::slot_outputs(w, slots, first, t0s, n, acc);
+}
+
 template <class Isa>
 void run(const SincRun &r, int16_t *out) {
     if (r.h < 0 || r.h > kMaxHalf || r.valid < 0 || r.valid > RSMPL_HISTORY_SAMPLES || r.count > 0xFFFFu ||
@@ -195,13 +207,7 @@ void run(const SincRun &r, int16_t *out) {
             Isa::where(r, base, n, far, o);
             Isa::rows(w, *rows, o, n, acc);
         } else if (slots != nullptr) {
-            if constexpr (Isa::kSlots) {
-                // Where each output reads first, so the sums run back to back.
-                alignas(64) int32_t first[kChunk];
-                alignas(64) uint32_t t0s[kChunk];
-                Isa::slot_where(r, base, n, far, first, t0s);
-                Isa::slot_outputs(w, *slots, first, t0s, n, acc);
-            }
+            if constexpr (Isa::kSlots) slot_chunk<Isa>(r, w, *slots, base, n, far, acc);
         } else {
             for (uint32_t j = 0; j < n; ++j) {
                 const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
