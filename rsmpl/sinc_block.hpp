@@ -157,16 +157,24 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
     }
 }
 
-// The sums of outputs base .. base + n - 1 from a slot table; out of line,
-// as its unrolled sums are large and run's other paths never need them.
+// The outputs of a run from a slot table, when one fits; false otherwise.
+// Out of line, table and all, so the other paths keep their registers and
+// their small stack frame.
 template <class Isa>
-[[gnu::noinline]] void slot_chunk(const SincRun &r, const typename Isa::Window &w, const Slots &slots, uint32_t base,
-                                  uint32_t n, int32_t far, uint32_t *acc) {
-    // Where each output reads first, so the sums run back to back.
+[[gnu::noinline]] bool run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
+    Slots table;
+    if (!build_slots<Isa>(r, table)) return false;
     alignas(64) int32_t first[kChunk];
     alignas(64) uint32_t t0s[kChunk];
-    Isa::slot_where(r, base, n, far, first, t0s);
-    Isa::slot_outputs(w, slots, first, t0s, n, acc);
+    alignas(64) uint32_t acc[kChunk];
+    for (uint32_t base = 0; base < r.count; base += kChunk) {
+        const uint32_t n = std::min(kChunk, r.count - base);
+        // Where each output reads first, so the sums run back to back.
+        Isa::slot_where(r, base, n, far, first, t0s);
+        Isa::slot_outputs(w, table, first, t0s, n, acc);
+        Isa::finish(acc, n, r.gain, r.shift, out + base);
+    }
+    return true;
 }
 
 template <class Isa>
@@ -193,21 +201,15 @@ void run(const SincRun &r, int16_t *out) {
     alignas(64) uint32_t acc[kChunk];
     // A slot table pays when the fraction changes from output to output (a
     // whole step keeps one set of coefficients) over enough outputs.
-    std::conditional_t<Isa::kSlots, Slots, NoSlots> table;
-    const Slots *slots = nullptr;
     if constexpr (Isa::kSlots)
-        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 &&
-            build_slots<Isa>(r, table))
-            slots = &table;
-
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 && run_slots<Isa>(r, w, far, out))
+            return;
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);
         if (unity) {
             UnityOutputs o;
             Isa::where(r, base, n, far, o);
             Isa::rows(w, *rows, o, n, acc);
-        } else if (slots != nullptr) {
-            if constexpr (Isa::kSlots) slot_chunk<Isa>(r, w, *slots, base, n, far, acc);
         } else {
             for (uint32_t j = 0; j < n; ++j) {
                 const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
