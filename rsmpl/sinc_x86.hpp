@@ -322,9 +322,9 @@ struct X86 {
                              uint32_t *acc) {
         uint32_t i = 0;
         for (; i + kLanes <= n; i += kLanes) {
-            V lanes[kLanes];
-            for (int l = 0; l < kLanes; ++l) lanes[l] = slot_lanes(win, first[i + l], s, t0[i + l]);
-            store(reinterpret_cast<int32_t *>(acc + i), sums(lanes));
+            V each[kLanes];
+            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes(win, first[i + l], s, t0[i + l]);
+            store(reinterpret_cast<int32_t *>(acc + i), sums(each));
         }
         for (; i < n; ++i) acc[i] = sum(slot_lanes(win, first[i], s, t0[i]));
     }
