@@ -80,14 +80,15 @@ struct UnityOutputs {
 // (r +- q) mod 2^16. A block's slot table holds, in window order, the
 // entries of every tap for each e (row e: K + e left, K - e right), so the
 // taps of an output are two contiguous rows, e and e + 1, picked per lane
-// by the carry; `frac` holds r, `right` marks the right wing's lanes.
+// by the carry; `frac` holds r, `sign` the sign of q in the lane's fraction
+// (1 on the left wing, -1 on the right, 0 past the taps).
 // 34 KB, on the stack of the engines that use it.
 constexpr int32_t kSlotCells = 4096;
 struct NoSlots {};
 struct Slots {
     int32_t rows = 0, len = 0;
     alignas(64) uint32_t frac[kCoefs];
-    alignas(64) uint32_t right[kCoefs];
+    alignas(64) int32_t sign[kCoefs];
     alignas(64) int32_t wing[kSlotCells];
     alignas(64) int32_t delta[kSlotCells];
 };
@@ -110,7 +111,7 @@ bool build_slots(const SincRun &r, Slots &s) {
         const uint32_t kt = static_cast<uint32_t>(k) * r.tableStep;
         const bool right = w > r.h && w < taps;
         s.frac[w] = kt & 0xFFFFu;
-        s.right[w] = right ? ~0u : 0u;
+        s.sign[w] = right ? -1 : (w < taps ? 1 : 0);
         // Past the taps: the zeros before the wing.
         first[w] = w >= taps ? 0 : SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16);
     }
@@ -119,7 +120,7 @@ bool build_slots(const SincRun &r, Slots &s) {
             typename Isa::V wv[L], dv[L];
             for (int c = 0; c < L; ++c) {
                 const int32_t w = w0 + c;
-                if (s.right[w] != 0u) {
+                if (s.sign[w] < 0) {
                     const int32_t at = first[w] - e0 - (L - 1);
                     wv[c] = Isa::reverse(Isa::load(t.wingPadded + at));
                     dv[c] = Isa::reverse(Isa::load(t.deltaPadded + at));
@@ -156,6 +157,26 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
     }
 }
 
+// The outputs of a run from a slot table, when one fits; false otherwise.
+// Out of line, table and all, so the other paths keep their registers and
+// their small stack frame.
+template <class Isa>
+[[gnu::noinline]] bool run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
+    Slots table;
+    if (!build_slots<Isa>(r, table)) return false;
+    alignas(64) int32_t first[kChunk];
+    alignas(64) uint32_t t0s[kChunk];
+    alignas(64) uint32_t acc[kChunk];
+    for (uint32_t base = 0; base < r.count; base += kChunk) {
+        const uint32_t n = std::min(kChunk, r.count - base);
+        // Where each output reads first, so the sums run back to back.
+        Isa::slot_where(r, base, n, far, first, t0s);
+        Isa::slot_outputs(w, table, first, t0s, n, acc);
+        Isa::finish(acc, n, r.gain, r.shift, out + base);
+    }
+    return true;
+}
+
 template <class Isa>
 void run(const SincRun &r, int16_t *out) {
     if (r.h < 0 || r.h > kMaxHalf || r.valid < 0 || r.valid > RSMPL_HISTORY_SAMPLES || r.count > 0xFFFFu ||
@@ -180,28 +201,15 @@ void run(const SincRun &r, int16_t *out) {
     alignas(64) uint32_t acc[kChunk];
     // A slot table pays when the fraction changes from output to output (a
     // whole step keeps one set of coefficients) over enough outputs.
-    std::conditional_t<Isa::kSlots, Slots, NoSlots> table;
-    const Slots *slots = nullptr;
     if constexpr (Isa::kSlots)
-        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 &&
-            build_slots<Isa>(r, table))
-            slots = &table;
-
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 && run_slots<Isa>(r, w, far, out))
+            return;
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);
         if (unity) {
             UnityOutputs o;
             Isa::where(r, base, n, far, o);
             Isa::rows(w, *rows, o, n, acc);
-        } else if (slots != nullptr) {
-            if constexpr (Isa::kSlots)
-                for (uint32_t j = 0; j < n; ++j) {
-                    const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
-                    const int32_t centre = std::min(static_cast<int32_t>(p >> 16) + r.h, far);
-                    const uint32_t f = p & 0xFFFFu;
-                    const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
-                    acc[j] = Isa::slot_output(w, centre - r.h, *slots, t0);
-                }
         } else {
             for (uint32_t j = 0; j < n; ++j) {
                 const uint32_t p = r.p0 + sinc_advance(r.step, base + j);

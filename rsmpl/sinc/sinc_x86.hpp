@@ -81,6 +81,25 @@ struct X86 {
         *wing = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWing), j, 4);
         *delta = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWingDelta), j, 4);
     }
+    static V sign(V a, V b) { return _mm256_sign_epi32(a, b); }
+    static V mulu64(V a, V b) { return _mm256_mul_epu32(a, b); }
+    static V odd_down(V a) { return _mm256_shuffle_epi32(a, 0xF5); }
+    // a where the lane's sign bit is set, else b: a bit select, no arithmetic.
+    static V select_sign(V s, V a, V b) {
+        return _mm256_castps_si256(
+            _mm256_blendv_ps(_mm256_castsi256_ps(b), _mm256_castsi256_ps(a), _mm256_castsi256_ps(s)));
+    }
+    static V slli(V a, int n) { return _mm256_slli_epi32(a, n); }
+    // The lane sums of eight registers, register i's in lane i.
+    static V sums(const V *a) {
+        V t[4];
+        for (int i = 0; i < 4; ++i)
+            t[i] = _mm256_add_epi32(_mm256_unpacklo_epi32(a[2 * i], a[2 * i + 1]),
+                                    _mm256_unpackhi_epi32(a[2 * i], a[2 * i + 1]));
+        const V lo = _mm256_add_epi32(_mm256_unpacklo_epi64(t[0], t[1]), _mm256_unpackhi_epi64(t[0], t[1]));
+        const V hi = _mm256_add_epi32(_mm256_unpacklo_epi64(t[2], t[3]), _mm256_unpackhi_epi64(t[2], t[3]));
+        return _mm256_add_epi32(_mm256_permute2x128_si256(lo, hi, 0x20), _mm256_permute2x128_si256(lo, hi, 0x31));
+    }
     static uint32_t sum(V a) {
         __m128i v = _mm_add_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
         v = _mm_add_epi32(v, _mm_shuffle_epi32(v, 0x4E));
@@ -135,6 +154,19 @@ struct X86 {
         _mm_store_si128(reinterpret_cast<__m128i *>(i), j);
         *wing = _mm_setr_epi32(sincWing[i[0]], sincWing[i[1]], sincWing[i[2]], sincWing[i[3]]);
         *delta = _mm_setr_epi32(sincWingDelta[i[0]], sincWingDelta[i[1]], sincWingDelta[i[2]], sincWingDelta[i[3]]);
+    }
+    static V sign(V a, V b) { return _mm_sign_epi32(a, b); }
+    static V mulu64(V a, V b) { return _mm_mul_epu32(a, b); }
+    static V odd_down(V a) { return _mm_shuffle_epi32(a, 0xF5); }
+    static V select_sign(V s, V a, V b) {
+        return _mm_castps_si128(_mm_blendv_ps(_mm_castsi128_ps(b), _mm_castsi128_ps(a), _mm_castsi128_ps(s)));
+    }
+    static V slli(V a, int n) { return _mm_slli_epi32(a, n); }
+    // The lane sums of four registers, register i's in lane i.
+    static V sums(const V *a) {
+        const V t0 = _mm_add_epi32(_mm_unpacklo_epi32(a[0], a[1]), _mm_unpackhi_epi32(a[0], a[1]));
+        const V t1 = _mm_add_epi32(_mm_unpacklo_epi32(a[2], a[3]), _mm_unpackhi_epi32(a[2], a[3]));
+        return _mm_add_epi32(_mm_unpacklo_epi64(t0, t1), _mm_unpackhi_epi64(t0, t1));
     }
     static uint32_t sum(V a) {
         V v = _mm_add_epi32(a, _mm_shuffle_epi32(a, 0x4E));
@@ -240,23 +272,62 @@ struct X86 {
     }
 
     // One output below 128 entries per tap from the block's slot table
-    // (sinc_block.hpp): rows e and e + 1 picked per lane by the carry of
-    // the fraction, r + q on the left wing, r - q on the right.
-    static uint32_t slot_output(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
+    // (sinc_block.hpp), as lanes to be summed: rows e and e + 1 picked per
+    // lane by the carry of the fraction r + q on the left wing, r - q on the
+    // right. Either way the carry is bit 16 of the 32-bit result (a borrow
+    // sets bits 16..31), moved to the sign for the select.
+    [[gnu::always_inline]] static V slot_lanes(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
         const int32_t *w0 = s.wing + (t0 >> 16) * static_cast<uint32_t>(s.len);
         const int32_t *d0 = s.delta + (t0 >> 16) * static_cast<uint32_t>(s.len);
-        const V qp = set1(t0 & 0xFFFFu), qn = set1(0u - (t0 & 0xFFFFu));
+        const V q = set1(t0 & 0xFFFFu);
         V acc = set1(0);
+#pragma GCC unroll 4
         for (int32_t i = 0; i < s.len; i += kLanes) {
-            const V sq = add(loadu(s.frac + i), select(loadu(s.right + i), qn, qp));
-            const V next = less(set1(0), srl(sq, 16));
+            const V sq = add(loadu(s.frac + i), sign(q, load(s.sign + i)));
+            const V next = slli(sq, 15);
             const V g = and_(sq, set1(0xFFFF));
-            const V wing = select(next, load(w0 + s.len + i), load(w0 + i));
-            const V delta = select(next, load(d0 + s.len + i), load(d0 + i));
+            const V wing = select_sign(next, load(w0 + s.len + i), load(w0 + i));
+            const V delta = select_sign(next, load(d0 + s.len + i), load(d0 + i));
             const V c = add(wing, mul_shift16(delta, add(g, srl(g, 15))));
             acc = add(acc, taps(c, win, kPad + first + i));
         }
-        return sum(acc);
+        return acc;
+    }
+
+    // First window sample and t0 of outputs base .. base + n - 1 (n < 2^16
+    // in all), kLanes at a time: sinc_advance and (f' * T) >> 16 in lanes,
+    // the latter below 2^40 before the shift, so taken in 64 bits.
+    static void slot_where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, int32_t *first, uint32_t *t0) {
+        const V whole = set1((r.step >> 16) << 8), part = set1(r.step & 0xFFFFu), table = set1(r.tableStep);
+        const V p0 = set1(r.p0), h = set1(static_cast<uint32_t>(r.h)), farv = set1(static_cast<uint32_t>(far));
+        uint32_t j = 0;
+        for (; j + kLanes <= n; j += kLanes) {
+            const V m = add(lanes(), set1(base + j));
+            const V p = add(add(p0, mullo(whole, m)), srl(add(mullo(part, m), set1(128)), 8));
+            store(first + j, sub(min(add(srl(p, 16), h), farv), h));
+            const V f = and_(p, set1(0xFFFF));
+            const V fw = add(f, srl(f, 15));
+            const V even = srl64(mulu64(fw, table), 16), odd = sll64(mulu64(odd_down(fw), table), 16);
+            store(reinterpret_cast<int32_t *>(t0 + j), blend_odd(even, odd));
+        }
+        for (; j < n; ++j) {
+            const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
+            first[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) - r.h;
+            const uint32_t f = p & 0xFFFFu;
+            t0[j] = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+        }
+    }
+
+    // The sums of n outputs from the slot table, kLanes reduced together.
+    static void slot_outputs(const Window &win, const Slots &s, const int32_t *first, const uint32_t *t0, uint32_t n,
+                             uint32_t *acc) {
+        uint32_t i = 0;
+        for (; i + kLanes <= n; i += kLanes) {
+            V each[kLanes];
+            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes(win, first[i + l], s, t0[i + l]);
+            store(reinterpret_cast<int32_t *>(acc + i), sums(each));
+        }
+        for (; i < n; ++i) acc[i] = sum(slot_lanes(win, first[i], s, t0[i]));
     }
 
     static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t n) {
