@@ -3,8 +3,8 @@
 # llvm-mca (LLVM 19) simulates each kernel's hot loop on LLVM's models of the
 # target cores. The NEON sources are cross-compiled with the project's own
 # flags (taken from CMake's compile commands) plus RSMPL_MCA, which turns the
-# marks of rsmpl/engine/mca.hpp into llvm-mca regions; every marked region found is
-# measured, so a kernel needs no entry here. Cycles per output are the
+# marks of rsmpl/engine/mca.hpp into llvm-mca regions; every marked region
+# found is measured, so a kernel needs no entry here. Cycles per output are the
 # region's steady-state cycles per iteration over its outputs per pass.
 #
 # The multiply-accumulate ceiling of each core is measured the same way: a
