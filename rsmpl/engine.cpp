@@ -19,6 +19,8 @@ const KernelSet kScalarKernels{
     sinc_accumulate_scalar,
     linear_expand_scalar,
     linear_shrink_scalar,
+    gather_channel_scalar,
+    scatter_channel_scalar,
 };
 
 namespace {

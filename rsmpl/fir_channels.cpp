@@ -44,6 +44,7 @@ constexpr int32_t kMaxOutputs = kPiece * 6;
 int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ctx, uint32_t channels,
                        const int16_t *in, int16_t *out, int32_t frames) {
     if (ctx == nullptr || in == nullptr || out == nullptr || index > 4 || frames <= 0) return 0;
+    const KernelSet &k = kernels();
     const Stage s = stage_of(direction, index);
     const size_t C = channels;
     int32_t written = 0;
@@ -58,12 +59,12 @@ int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ct
         const int32_t bulk = frames - std::min(frames, s.tail);
         for (int32_t done = 0; done < frames;) {
             const int32_t m = std::min(done < bulk ? bulk - done : frames - done, kPiece);
-            const int16_t *src = in + static_cast<size_t>(done) * C + c;
-            for (int32_t i = 0; i < m; ++i) staged[s.history + i] = src[static_cast<size_t>(i) * C];
+            k.gather_channel(staged + s.history, in + static_cast<size_t>(done) * C, static_cast<uint32_t>(m), channels,
+                             static_cast<uint32_t>(c));
             s.kernel(staged, result, m);
             const int32_t outs = m / s.group * s.outputs;
-            int16_t *dst = out + static_cast<size_t>(o) * C + c;
-            for (int32_t i = 0; i < outs; ++i) dst[static_cast<size_t>(i) * C] = result[i];
+            k.scatter_channel(out + static_cast<size_t>(o) * C, result, static_cast<uint32_t>(outs), channels,
+                              static_cast<uint32_t>(c));
             o += outs;
             // The newest H samples carry over to the next piece.
             std::memmove(staged, staged + m, static_cast<size_t>(s.history) * sizeof(int16_t));

@@ -500,3 +500,43 @@ TEST(LinearEngine, ShrinkMatchesScalarIncludingOverflow) {
 }  // namespace linear
 
 }  // namespace
+
+// ---- Channel moves ---------------------------------------------------------------
+
+namespace moves {
+
+// Every engine, the scalar one included, against the index formula itself:
+// counts that end inside and after the vector steps, and frames that start
+// one sample off the vector alignment.
+TEST(ChannelMoves, GatherAndScatterMoveExactlyOneChannelForEveryCount) {
+    for (const KernelSet *e : rsmpl::available_kernels())
+        for (uint32_t channels = 1; channels <= 8; ++channels)
+            for (uint32_t count : {0u, 1u, 7u, 8u, 9u, 15u, 16u, 17u, 31u, 33u, 481u})
+                for (uint32_t c = 0; c < channels; ++c) {
+                    const size_t n = size_t{count} * channels;
+                    const Samples frames = rsmpl_test::hostile_samples(n + 1, count * 8 + channels * 131 + c);
+                    const Samples mono_in = rsmpl_test::hostile_samples(count, count + c + 77);
+
+                    Guarded<int16_t> src(n + 1), mono(count);
+                    std::copy(frames.begin(), frames.end(), src.data());
+                    e->gather_channel(mono.data(), src.data() + 1, count, channels, c);
+                    for (uint32_t k = 0; k < count; ++k)
+                        ASSERT_EQ(mono[k], frames[1 + size_t{k} * channels + c])
+                            << e->name << ": gather " << channels << " ch, channel " << c << ", count " << count
+                            << ", frame " << k;
+                    ASSERT_TRUE(mono.guards_intact()) << e->name;
+                    ASSERT_TRUE(std::equal(frames.begin(), frames.end(), src.data())) << e->name << ": source written";
+
+                    Guarded<int16_t> dst(n + 1), in(count);
+                    std::copy(frames.begin(), frames.end(), dst.data());
+                    std::copy(mono_in.begin(), mono_in.end(), in.data());
+                    e->scatter_channel(dst.data() + 1, in.data(), count, channels, c);
+                    Samples want = frames;
+                    for (uint32_t k = 0; k < count; ++k) want[1 + size_t{k} * channels + c] = mono_in[k];
+                    ASSERT_TRUE(std::equal(want.begin(), want.end(), dst.data()))
+                        << e->name << ": scatter " << channels << " ch, channel " << c << ", count " << count;
+                    ASSERT_TRUE(dst.guards_intact()) << e->name;
+                }
+}
+
+}  // namespace moves

@@ -1,0 +1,25 @@
+// Moving one channel between interleaved frames and a block of its own: the
+// channel split before a FIR stage and the merge after it, for the FIR path
+// (rsmpl/fir_channels.cpp) and both plug-ins. One pair per engine
+// (rsmpl/engine.hpp); the scalar pair in rsmpl/channel_moves.cpp is the
+// definition, and a vector pair must match it sample for sample.
+//
+// Sample k of channel c is frames[k * channels + c]; channels >= 1, c <
+// channels. The block and the frames never overlap.
+#pragma once
+
+#include <cstdint>
+
+namespace rsmpl {
+
+// mono[k] = frames[k * channels + c] for k < count.
+using GatherChannel = void (*)(int16_t *mono, const int16_t *frames, uint32_t count, uint32_t channels, uint32_t c);
+
+// frames[k * channels + c] = mono[k] for k < count; every other sample of the
+// frames stays as it was.
+using ScatterChannel = void (*)(int16_t *frames, const int16_t *mono, uint32_t count, uint32_t channels, uint32_t c);
+
+void gather_channel_scalar(int16_t *mono, const int16_t *frames, uint32_t count, uint32_t channels, uint32_t c);
+void scatter_channel_scalar(int16_t *frames, const int16_t *mono, uint32_t count, uint32_t channels, uint32_t c);
+
+}  // namespace rsmpl
