@@ -38,17 +38,19 @@
 
 namespace {
 
-constexpr unsigned kChannels = 2;
 constexpr unsigned kPeriodsPerSecond = 50;  // 20 ms periods
 constexpr unsigned kBufferPeriods = 4;
 
 struct RatePair {
     unsigned in;
     unsigned out;
+    unsigned channels = 2;
 };
 
+// The last two rows are four-channel twins of the first two: the cost of more channels.
 const RatePair kPairs[] = {
     {16000, 48000}, {48000, 16000}, {8000, 48000}, {48000, 8000}, {24000, 48000}, {44100, 48000}, {8000, 32000},
+    {16000, 48000, 4}, {48000, 16000, 4},
 };
 
 struct Converter {
@@ -105,6 +107,11 @@ std::string RateText(unsigned rate) {
     return buf;
 }
 
+// The output rate, and the channels where they are not two.
+std::string OutText(const RatePair &pair) {
+    return RateText(pair.out) + (pair.channels == 2 ? "" : ", " + std::to_string(pair.channels) + " ch");
+}
+
 // A directory for ALSA_PLUGIN_DIR, which replaces alsa-lib's whole module
 // search path: it links the system's modules (the peers) and ours side by side.
 class PluginDir {
@@ -144,19 +151,19 @@ private:
     std::vector<std::string> links_;
 };
 
-// Interleaved stereo test signal, one second long: two tones and a little
+// Interleaved test signal, one second long: two tones and a little
 // noise at about -6 dBFS, so that no converter sees a trivial input.
-std::vector<int16_t> MakeSignal(unsigned rate) {
-    std::vector<int16_t> s(static_cast<size_t>(rate) * kChannels);
+std::vector<int16_t> MakeSignal(unsigned rate, unsigned channels) {
+    std::vector<int16_t> s(static_cast<size_t>(rate) * channels);
     uint32_t noise = 0x12345678u;
     for (unsigned i = 0; i < rate; ++i) {
         const double t = static_cast<double>(i) / rate;
-        for (unsigned c = 0; c < kChannels; ++c) {
+        for (unsigned c = 0; c < channels; ++c) {
             noise = noise * 1664525u + 1013904223u;
             const double n = (static_cast<double>(noise >> 16) / 65536.0 - 0.5) * 0.02;
             const double v = 0.3 * std::sin(2 * M_PI * (440.0 + 110.0 * c) * t) +
                              0.18 * std::sin(2 * M_PI * 0.3 * rate * t) + n;
-            s[static_cast<size_t>(i) * kChannels + c] = static_cast<int16_t>(std::lround(v * 32767.0));
+            s[static_cast<size_t>(i) * channels + c] = static_cast<int16_t>(std::lround(v * 32767.0));
         }
     }
     return s;
@@ -195,6 +202,7 @@ snd_pcm_t *OpenPcm(const Converter &conv, const RatePair &pair, Cell *cell, bool
     }
 
     const snd_pcm_uframes_t period = pair.in / kPeriodsPerSecond;
+    const unsigned channels = pair.channels;
     snd_pcm_hw_params_t *hw;
     snd_pcm_hw_params_alloca(&hw);
     snd_pcm_uframes_t got_period = period;
@@ -203,7 +211,7 @@ snd_pcm_t *OpenPcm(const Converter &conv, const RatePair &pair, Cell *cell, bool
     err = snd_pcm_hw_params_any(pcm, hw);
     if (err >= 0) step = "access", err = snd_pcm_hw_params_set_access(pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED);
     if (err >= 0) step = "format", err = snd_pcm_hw_params_set_format(pcm, hw, SND_PCM_FORMAT_S16_LE);
-    if (err >= 0) step = "channels", err = snd_pcm_hw_params_set_channels(pcm, hw, kChannels);
+    if (err >= 0) step = "channels", err = snd_pcm_hw_params_set_channels(pcm, hw, channels);
     if (err >= 0) step = "rate", err = snd_pcm_hw_params_set_rate(pcm, hw, pair.in, 0);
     if (err >= 0) step = "period", err = snd_pcm_hw_params_set_period_size(pcm, hw, period, 0);
     if (err >= 0) step = "buffer", err = snd_pcm_hw_params_set_buffer_size_near(pcm, hw, &buffer);
@@ -241,16 +249,17 @@ bool Measure(const Converter &conv, const RatePair &pair, const std::vector<int1
     snd_pcm_t *pcm = OpenPcm(conv, pair, cell, verbose);
     if (pcm == nullptr) return false;
     const unsigned period = pair.in / kPeriodsPerSecond;
+    const unsigned channels = pair.channels;
     const long periods = std::max(1L, std::lround(seconds * kPeriodsPerSecond));
     int err = snd_pcm_prepare(pcm);
     size_t offset = 0;
     auto write_periods = [&](long count) -> int {
         for (long p = 0; p < count; ++p) {
-            const snd_pcm_sframes_t w = snd_pcm_writei(pcm, &signal[offset * kChannels], period);
+            const snd_pcm_sframes_t w = snd_pcm_writei(pcm, &signal[offset * channels], period);
             if (w < 0) return static_cast<int>(w);
             if (static_cast<unsigned>(w) != period) return -EIO;
             offset += period;
-            if (offset + period > signal.size() / kChannels) offset = 0;
+            if (offset + period > signal.size() / channels) offset = 0;
         }
         return 0;
     };
@@ -341,7 +350,7 @@ int main(int argc, char **argv) {
 
     const size_t num_pairs = opt.max_pairs;
     std::vector<std::vector<int16_t>> signals;
-    for (size_t p = 0; p < num_pairs; ++p) signals.push_back(MakeSignal(kPairs[p].in));
+    for (size_t p = 0; p < num_pairs; ++p) signals.push_back(MakeSignal(kPairs[p].in, kPairs[p].channels));
 
     // cells[pair][converter]; rounds interleave every pair and converter, and
     // the converter order rotates per round so none always runs first.
@@ -360,7 +369,7 @@ int main(int argc, char **argv) {
     }
 
     // ---- Report ---------------------------------------------------------
-    std::printf("Engine of rsmplrate: %s. Stereo S16, 20 ms periods, `null` slave; %d rounds of %.2f s of audio "
+    std::printf("Engine of rsmplrate: %s. Stereo S16 (where not marked otherwise), 20 ms periods, `null` slave; %d rounds of %.2f s of audio "
                 "per converter and rate pair, interleaved.\n\n",
                 BenchEngineName(), opt.rounds, opt.seconds);
 
@@ -375,7 +384,7 @@ int main(int argc, char **argv) {
     std::printf("#### Times real time per core (median, min to max over rounds; higher is cheaper)\n\n");
     table_head();
     for (size_t p = 0; p < num_pairs; ++p) {
-        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
         for (size_t c = 0; c < kNumConverters; ++c) {
             const Cell &cell = cells[p][c];
             if (cell.cpu.empty()) {
@@ -391,7 +400,7 @@ int main(int argc, char **argv) {
     std::printf("\n#### CPU time per second of audio, µs (median; in brackets, above the copy floor)\n\n");
     table_head();
     for (size_t p = 0; p < num_pairs; ++p) {
-        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
         const Cell &floor = cells[p][kFloor];
         for (size_t c = 0; c < kNumConverters; ++c) {
             const Cell &cell = cells[p][c];
@@ -420,7 +429,7 @@ int main(int argc, char **argv) {
         for (size_t c = 2; c < kNumConverters; ++c) std::printf("---:|");
         std::printf("\n");
         for (size_t p = 0; p < num_pairs; ++p) {
-            std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+            std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
             const Cell &ours = cells[p][mine];
             for (size_t c = 0; c < kNumConverters; ++c) {
                 if (c == mine || c == kFloor) continue;
@@ -441,10 +450,33 @@ int main(int argc, char **argv) {
     ratio_table(kOurs);
     ratio_table(kBest);
 
+    // More channels against stereo, per round: the same pair with two channels.
+    std::printf("\n#### More channels against stereo: CPU time / CPU time of the stereo row (median, min to max over "
+                "rounds)\n\n| Rate pair | rsmplrate | rsmplrate_best |\n|---|---:|---:|\n");
+    for (size_t p = 0; p < num_pairs; ++p) {
+        size_t q = 0;
+        while (q < num_pairs && !(kPairs[q].channels == 2 && kPairs[q].in == kPairs[p].in && kPairs[q].out == kPairs[p].out))
+            ++q;
+        if (kPairs[p].channels == 2 || q == num_pairs) continue;
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
+        for (size_t c : {kOurs, kBest}) {
+            const std::vector<double> &many = cells[p][c].cpu, &two = cells[q][c].cpu;
+            std::vector<double> ratios;
+            for (size_t r = 0; r < std::min(many.size(), two.size()); ++r) ratios.push_back(many[r] / two[r]);
+            if (ratios.empty()) {
+                std::printf(" n/a |");
+                continue;
+            }
+            const auto [lo, hi] = std::minmax_element(ratios.begin(), ratios.end());
+            std::printf(" %s (%s–%s) |", Ratio(Median(ratios)).c_str(), Ratio(*lo).c_str(), Ratio(*hi).c_str());
+        }
+        std::printf("\n");
+    }
+
     std::printf("\n#### Which converter ran (from snd_pcm_dump)\n\n| Rate pair | rsmplrate | rsmplrate_best |\n"
                 "|---|---|---|\n");
     for (size_t p = 0; p < num_pairs; ++p)
-        std::printf("| %s → %s | %s | %s |\n", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str(),
+        std::printf("| %s → %s | %s | %s |\n", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str(),
                     cells[p][kOurs].dump_line.empty() ? "n/a" : cells[p][kOurs].dump_line.c_str(),
                     cells[p][kBest].dump_line.empty() ? "n/a" : cells[p][kBest].dump_line.c_str());
     std::printf("\nEvery other measured cell was checked the same way: ");
@@ -462,7 +494,7 @@ int main(int argc, char **argv) {
             for (size_t c = 0; c < kNumConverters; ++c)
                 if (cells[p][c].cpu.empty())
                     std::printf("- %s, %s → %s: %s\n", kConverters[c].label, RateText(kPairs[p].in).c_str(),
-                                RateText(kPairs[p].out).c_str(), cells[p][c].failure.c_str());
+                                OutText(kPairs[p]).c_str(), cells[p][c].failure.c_str());
     }
     for (const std::string &name : opt.require) {
         bool found = false;
