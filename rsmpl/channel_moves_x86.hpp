@@ -122,6 +122,58 @@ void scatter_channel(int16_t *frames, const int16_t *mono, uint32_t count, uint3
     for (uint32_t k = 0; k < count; ++k) frames[static_cast<size_t>(k) * channels + c] = mono[k];
 }
 
+void split_channels(int16_t *const *mono, const int16_t *frames, uint32_t count, uint32_t channels) {
+    uint32_t k = 0;
+    if (channels == 2) {
+        for (; k + 8 <= count; k += 8) {
+            const __m128i a = load(frames + 2 * size_t{k}), b = load(frames + 2 * size_t{k} + 8);
+            // Sign-extended halves, so the packs cannot saturate.
+            store(mono[0] + k, _mm_packs_epi32(_mm_srai_epi32(_mm_slli_epi32(a, 16), 16),
+                                               _mm_srai_epi32(_mm_slli_epi32(b, 16), 16)));
+            store(mono[1] + k, _mm_packs_epi32(_mm_srai_epi32(a, 16), _mm_srai_epi32(b, 16)));
+        }
+    } else if (channels == 4) {
+        // Per register of two frames, each channel's pair of samples to one 32-bit word.
+        const __m128i pairs = _mm_setr_epi8(0, 1, 8, 9, 2, 3, 10, 11, 4, 5, 12, 13, 6, 7, 14, 15);
+        for (; k + 8 <= count; k += 8) {
+            const int16_t *s = frames + 4 * size_t{k};
+            const __m128i a = _mm_shuffle_epi8(load(s), pairs), b = _mm_shuffle_epi8(load(s + 8), pairs);
+            const __m128i e = _mm_shuffle_epi8(load(s + 16), pairs), f = _mm_shuffle_epi8(load(s + 24), pairs);
+            const __m128i ab0 = _mm_unpacklo_epi32(a, b), ab1 = _mm_unpackhi_epi32(a, b);
+            const __m128i ef0 = _mm_unpacklo_epi32(e, f), ef1 = _mm_unpackhi_epi32(e, f);
+            store(mono[0] + k, _mm_unpacklo_epi64(ab0, ef0));
+            store(mono[1] + k, _mm_unpackhi_epi64(ab0, ef0));
+            store(mono[2] + k, _mm_unpacklo_epi64(ab1, ef1));
+            store(mono[3] + k, _mm_unpackhi_epi64(ab1, ef1));
+        }
+    }
+    for (uint32_t c = 0; c < channels; ++c) gather_channel(mono[c] + k, frames + size_t{k} * channels, count - k, channels, c);
+}
+
+void merge_channels(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels) {
+    uint32_t k = 0;
+    if (channels == 2) {
+        for (; k + 8 <= count; k += 8) {
+            const __m128i a = load(mono[0] + k), b = load(mono[1] + k);
+            store(frames + 2 * size_t{k}, _mm_unpacklo_epi16(a, b));
+            store(frames + 2 * size_t{k} + 8, _mm_unpackhi_epi16(a, b));
+        }
+    } else if (channels == 4) {
+        for (; k + 8 <= count; k += 8) {
+            const __m128i a = load(mono[0] + k), b = load(mono[1] + k);
+            const __m128i e = load(mono[2] + k), f = load(mono[3] + k);
+            const __m128i ab0 = _mm_unpacklo_epi16(a, b), ab1 = _mm_unpackhi_epi16(a, b);
+            const __m128i ef0 = _mm_unpacklo_epi16(e, f), ef1 = _mm_unpackhi_epi16(e, f);
+            int16_t *d = frames + 4 * size_t{k};
+            store(d, _mm_unpacklo_epi32(ab0, ef0));
+            store(d + 8, _mm_unpackhi_epi32(ab0, ef0));
+            store(d + 16, _mm_unpacklo_epi32(ab1, ef1));
+            store(d + 24, _mm_unpackhi_epi32(ab1, ef1));
+        }
+    }
+    for (uint32_t c = 0; c < channels; ++c) scatter_channel(frames + size_t{k} * channels, mono[c] + k, count - k, channels, c);
+}
+
 }  // namespace moves
 }  // namespace
 }  // namespace rsmpl

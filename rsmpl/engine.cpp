@@ -21,6 +21,8 @@ const KernelSet kScalarKernels{
     linear_shrink_scalar,
     gather_channel_scalar,
     scatter_channel_scalar,
+    split_channels_scalar,
+    merge_channels_scalar,
 };
 
 namespace {

@@ -42,6 +42,8 @@ struct KernelSet {
     LinearShrink linear_shrink;
     GatherChannel gather_channel;
     ScatterChannel scatter_channel;
+    SplitChannels split_channels;
+    MergeChannels merge_channels;
 };
 
 // The set in use, chosen once (thread-safe) at the first call.

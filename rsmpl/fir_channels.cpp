@@ -39,6 +39,45 @@ constexpr int32_t kPiece = 480;
 constexpr int32_t kMaxHistory = 90;
 constexpr int32_t kMaxOutputs = kPiece * 6;
 
+// Up to four channels go through a piece together: split in one pass over
+// the period, merged in one pass that writes each output frame once. Their
+// outputs per piece are bounded, which keeps the stack small.
+constexpr uint32_t kTogether = 4;
+constexpr int32_t kTogetherOutputs = 1440;
+
+int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels, const int16_t *in, int16_t *out,
+                       int32_t frames) {
+    const KernelSet &k = kernels();
+    const size_t C = channels;
+    const int32_t H = s.history;
+    // A multiple of the stage's group: only the last piece may end mid-group.
+    const int32_t piece = std::min(kPiece, kTogetherOutputs / s.outputs * s.group);
+    int16_t staged[kTogether][kMaxHistory + kPiece];
+    int16_t result[kTogether][kTogetherOutputs];
+    int16_t *fresh[kTogether];
+    const int16_t *results[kTogether];
+    for (size_t c = 0; c < C; ++c) {
+        std::memcpy(staged[c], ctx[c]->samples, static_cast<size_t>(H) * sizeof(int16_t));
+        fresh[c] = staged[c] + H;
+        results[c] = result[c];
+    }
+    int32_t o = 0;
+    const int32_t bulk = frames - std::min(frames, s.tail);
+    for (int32_t done = 0; done < frames;) {
+        const int32_t m = std::min(done < bulk ? bulk - done : frames - done, piece);
+        k.split_channels(fresh, in + static_cast<size_t>(done) * C, static_cast<uint32_t>(m), channels);
+        for (size_t c = 0; c < C; ++c) s.kernel(staged[c], result[c], m);
+        const int32_t outs = m / s.group * s.outputs;
+        k.merge_channels(out + static_cast<size_t>(o) * C, results, static_cast<uint32_t>(outs), channels);
+        o += outs;
+        for (size_t c = 0; c < C; ++c)
+            std::memmove(staged[c], staged[c] + m, static_cast<size_t>(H) * sizeof(int16_t));
+        done += m;
+    }
+    for (size_t c = 0; c < C; ++c) std::memcpy(ctx[c]->samples, staged[c], static_cast<size_t>(H) * sizeof(int16_t));
+    return o;
+}
+
 }  // namespace
 
 int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ctx, uint32_t channels,
@@ -46,6 +85,7 @@ int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ct
     if (ctx == nullptr || in == nullptr || out == nullptr || index > 4 || frames <= 0) return 0;
     const KernelSet &k = kernels();
     const Stage s = stage_of(direction, index);
+    if (channels >= 1 && channels <= kTogether) return stage_together(s, ctx, channels, in, out, frames);
     const size_t C = channels;
     int32_t written = 0;
     for (size_t c = 0; c < C; ++c) {

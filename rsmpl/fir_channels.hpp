@@ -1,14 +1,14 @@
-// All channels of an interleaved period through one FIR stage: a prototype
-// of the plug-in's fused path. Internal, not exported.
+// All channels of an interleaved period through one FIR stage: the FIR path
+// of both plug-ins. Internal, not exported.
 //
 // Channel c of `in` (frames frames of `channels` interleaved samples) goes
 // through stage `index` with context ctx[c], exactly as
 // RSMPL_Up(ctx[c], channel c, ..., frames, index) (or RSMPL_Down) would take
 // it: the same outputs, written interleaved to `out`, and the same history
 // left in each context. The channel split is the stage's own staging copy
-// (history, then the channel's samples), and a piece's outputs are copied
-// once to their interleaved places: each sample is moved once on the way in
-// and once on the way out, where separate channel buffers and the stage
+// (history, then the channel's samples; up to four channels split in one
+// pass), and a piece's outputs are copied once to their interleaved places:
+// each sample is moved once on the way in and once on the way out, where separate channel buffers and the stage
 // wrapper's in-place staging move it two or three times.
 //
 // The caller passes only lengths the per-channel call accepts (the plug-in's

@@ -146,6 +146,8 @@ const KernelSet kNeonKernels{
     linear_shrink,
     moves::gather_channel,
     moves::scatter_channel,
+    moves::split_channels,
+    moves::merge_channels,
 };
 
 }  // namespace rsmpl
