@@ -171,9 +171,8 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 	uint32_t room = dst_frames;
 	bool overflow = false;
 	bool fused = false;
-	const int16_t *last_src = NULL;
 	int16_t *last_dst = NULL;
-	uint32_t last_chunk = 0, last_out = 0;
+	uint32_t last_out = 0;
 
 	while (remaining > 0) {
 		/* Up: a chunk's output fits the 1440-sample buffer. Down: 960 is a
@@ -194,9 +193,7 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 		if (fused) {
 			rsmpl::fir::stage_channels(up ? rsmpl::fir::Direction::up : rsmpl::fir::Direction::down, index,
 						   rate->rsmpl_ctx, channels, src, dst, (int32_t)chunk);
-			last_src = src;
 			last_dst = dst;
-			last_chunk = chunk;
 			last_out = out;
 		} else {
 			for (uint32_t c = 0; c < channels; c++) {
@@ -214,14 +211,9 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 		room -= keep;
 		remaining -= chunk;
 	}
-	if (fused) {
-		/* sample_buf as the in-place loop leaves it: the last channel's output, then (going down) its unread input. */
-		const uint32_t c = channels - 1;
-		gather_channel(rate->sample_buf, last_dst, last_out, channels, c);
-		if (!up)
-			gather_channel(rate->sample_buf + last_out, last_src + (size_t)last_out * channels, last_chunk - last_out,
-				       channels, c);
-	}
+	/* As the in-place loop would leave it: the last channel's output of the last chunk. */
+	if (fused)
+		gather_channel(rate->sample_buf, last_dst, last_out, channels, channels - 1);
 	return overflow;
 }
 
