@@ -43,6 +43,7 @@ constexpr int32_t kMaxOutputs = kPiece * 6;
 // the period, merged in one pass that writes each output frame once. Their
 // outputs per piece are bounded, which keeps the stack small.
 constexpr uint32_t kTogether = 4;
+constexpr int32_t kTogetherPiece = 960;
 constexpr int32_t kTogetherOutputs = 1440;
 
 int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels, const int16_t *in, int16_t *out,
@@ -51,8 +52,8 @@ int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels,
     const size_t C = channels;
     const int32_t H = s.history;
     // A multiple of the stage's group: only the last piece may end mid-group.
-    const int32_t piece = std::min(kPiece, kTogetherOutputs / s.outputs * s.group);
-    int16_t staged[kTogether][kMaxHistory + kPiece];
+    const int32_t piece = std::min(kTogetherPiece, kTogetherOutputs / s.outputs * s.group);
+    int16_t staged[kTogether][kMaxHistory + kTogetherPiece];
     int16_t result[kTogether][kTogetherOutputs];
     int16_t *fresh[kTogether];
     const int16_t *results[kTogether];
