@@ -278,8 +278,7 @@ template <const auto &L, bool kBegin>
 }
 #undef RSMPL_X86_MARK
 
-// Pre-broadcast pair words, one vector per (row, pair), so that a multiply
-// takes its coefficients straight from memory.
+// Pre-broadcast pair words, one vector per (row, pair): one plain load each.
 template <const auto &L>
 struct Broadcast {
     using Layout = std::remove_cvref_t<decltype(L)>;
@@ -292,25 +291,6 @@ struct Broadcast {
 };
 template <const auto &L>
 alignas(32) inline constexpr Broadcast<L> kBroadcast{};
-
-// acc (+)= madd(x, c). With AVX2 written as volatile asm with c from memory:
-// the compiler otherwise hoists every multiply of a pass and spills the
-// products, and the front end, not the multipliers, sets the pace.
-template <bool kFirst>
-[[gnu::always_inline]] inline void madd_acc(Vec &acc, Vec x, const int32_t *c) {
-#if defined(__AVX2__)
-    const auto &cv = *reinterpret_cast<const Vec *>(c);
-    if constexpr (kFirst) {
-        asm volatile("vpmaddwd %1, %2, %0" : "=x"(acc) : "m"(cv), "x"(x));
-    } else {
-        Vec t;
-        asm volatile("vpmaddwd %2, %3, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "m"(cv), "x"(x));
-    }
-#else
-    const Vec p = madd(x, load(c));
-    acc = kFirst ? p : add(acc, p);
-#endif
-}
 
 // The pair's coefficients in a register, loaded once for both halves of a
 // block: a multiply with its coefficients from memory costs a load each time,
@@ -325,6 +305,9 @@ template <bool kFirst>
 #endif
 }
 
+// acc (+)= madd(x, c). With AVX2 written as volatile asm: the compiler
+// otherwise hoists every multiply of a pass and spills the products, and the
+// front end, not the multipliers, sets the pace.
 template <bool kFirst>
 [[gnu::always_inline]] inline void madd_reg(Vec &acc, Vec x, Vec c) {
 #if defined(__AVX2__)
