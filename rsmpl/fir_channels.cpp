@@ -63,7 +63,9 @@ int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels,
         results[c] = result[c];
     }
     int32_t o = 0;
-    const int32_t bulk = frames - std::min(frames, s.tail);
+    // Only the pairing of 3:2 cares where the wrapper's passes end; one
+    // input at a time, any cut gives the same stream.
+    const int32_t bulk = s.group == 1 ? frames : frames - std::min(frames, s.tail);
     for (int32_t done = 0; done < frames;) {
         const int32_t m = std::min(done < bulk ? bulk - done : frames - done, piece);
         k.split_channels(fresh, in + static_cast<size_t>(done) * C, static_cast<uint32_t>(m), channels);
