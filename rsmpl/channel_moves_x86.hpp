@@ -102,7 +102,9 @@ void gather_channel(int16_t *mono, const int16_t *frames, uint32_t count, uint32
     case 2: gather_stereo(mono, frames, count, c); return;
     case 3: gather_fixed<3>(mono, frames, count, c); return;
     case 4: gather_quad(mono, frames, count, c); return;
+    case 5: gather_fixed<5>(mono, frames, count, c); return;
     case 6: gather_fixed<6>(mono, frames, count, c); return;
+    case 7: gather_fixed<7>(mono, frames, count, c); return;
     case 8: gather_fixed<8>(mono, frames, count, c); return;
     default: break;
     }
@@ -115,7 +117,9 @@ void scatter_channel(int16_t *frames, const int16_t *mono, uint32_t count, uint3
     case 2: scatter_stereo(frames, mono, count, c); return;
     case 3: scatter_fixed<3>(frames, mono, count, c); return;
     case 4: scatter_quad(frames, mono, count, c); return;
+    case 5: scatter_fixed<5>(frames, mono, count, c); return;
     case 6: scatter_fixed<6>(frames, mono, count, c); return;
+    case 7: scatter_fixed<7>(frames, mono, count, c); return;
     case 8: scatter_fixed<8>(frames, mono, count, c); return;
     default: break;
     }

@@ -38,7 +38,6 @@
 #include <cstdlib>
 #include <cstring>
 
-
 #include "rsmpl/engine.hpp"
 #include "rsmpl/fir_channels.hpp"
 #include "rsmpl/rsmpl.h"
