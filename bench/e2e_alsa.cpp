@@ -369,8 +369,8 @@ int main(int argc, char **argv) {
     }
 
     // ---- Report ---------------------------------------------------------
-    std::printf("Engine of rsmplrate: %s. Stereo S16 (where not marked otherwise), 20 ms periods, `null` slave; %d rounds of %.2f s of audio "
-                "per converter and rate pair, interleaved.\n\n",
+    std::printf("Engine of rsmplrate: %s. Stereo S16 (where not marked otherwise), 20 ms periods, `null` slave; "
+                "%d rounds of %.2f s of audio per converter and rate pair, interleaved.\n\n",
                 BenchEngineName(), opt.rounds, opt.seconds);
 
     // One column per converter, one row per rate pair.
@@ -455,8 +455,10 @@ int main(int argc, char **argv) {
                 "rounds)\n\n| Rate pair | rsmplrate | rsmplrate_best |\n|---|---:|---:|\n");
     for (size_t p = 0; p < num_pairs; ++p) {
         size_t q = 0;
-        while (q < num_pairs && !(kPairs[q].channels == 2 && kPairs[q].in == kPairs[p].in && kPairs[q].out == kPairs[p].out))
-            ++q;
+        auto stereo_twin = [&](const RatePair &r) {
+            return r.channels == 2 && r.in == kPairs[p].in && r.out == kPairs[p].out;
+        };
+        while (q < num_pairs && !stereo_twin(kPairs[q])) ++q;
         if (kPairs[p].channels == 2 || q == num_pairs) continue;
         std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
         for (size_t c : {kOurs, kBest}) {

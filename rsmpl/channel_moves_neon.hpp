@@ -89,7 +89,8 @@ void split_channels(int16_t *const *mono, const int16_t *frames, uint32_t count,
     case 4: k = split_lanes<4, int16x8x4_t, load4, store4>(mono, frames, count); break;
     default: break;
     }
-    for (uint32_t c = 0; c < channels; ++c) gather_channel(mono[c] + k, frames + size_t{k} * channels, count - k, channels, c);
+    for (uint32_t c = 0; c < channels; ++c)
+        gather_channel(mono[c] + k, frames + size_t{k} * channels, count - k, channels, c);
 }
 
 void merge_channels(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels) {
@@ -100,7 +101,8 @@ void merge_channels(int16_t *frames, const int16_t *const *mono, uint32_t count,
     case 4: k = merge_lanes<4, int16x8x4_t, load4, store4>(frames, mono, count); break;
     default: break;
     }
-    for (uint32_t c = 0; c < channels; ++c) scatter_channel(frames + size_t{k} * channels, mono[c] + k, count - k, channels, c);
+    for (uint32_t c = 0; c < channels; ++c)
+        scatter_channel(frames + size_t{k} * channels, mono[c] + k, count - k, channels, c);
 }
 
 }  // namespace moves

@@ -151,7 +151,8 @@ void split_channels(int16_t *const *mono, const int16_t *frames, uint32_t count,
             store(mono[3] + k, _mm_unpackhi_epi64(ab1, ef1));
         }
     }
-    for (uint32_t c = 0; c < channels; ++c) gather_channel(mono[c] + k, frames + size_t{k} * channels, count - k, channels, c);
+    for (uint32_t c = 0; c < channels; ++c)
+        gather_channel(mono[c] + k, frames + size_t{k} * channels, count - k, channels, c);
 }
 
 void merge_channels(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels) {
@@ -175,7 +176,8 @@ void merge_channels(int16_t *frames, const int16_t *const *mono, uint32_t count,
             store(d + 24, _mm_unpackhi_epi32(ab1, ef1));
         }
     }
-    for (uint32_t c = 0; c < channels; ++c) scatter_channel(frames + size_t{k} * channels, mono[c] + k, count - k, channels, c);
+    for (uint32_t c = 0; c < channels; ++c)
+        scatter_channel(frames + size_t{k} * channels, mono[c] + k, count - k, channels, c);
 }
 
 }  // namespace moves

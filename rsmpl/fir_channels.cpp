@@ -47,7 +47,7 @@ constexpr int32_t kTogetherPiece = 960;
 constexpr int32_t kTogetherOutputs = 1440;
 
 int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels, const int16_t *in, int16_t *out,
-                       int32_t frames) {
+                       int32_t frames, int16_t *last_channel) {
     const KernelSet &k = kernels();
     const size_t C = channels;
     const int32_t H = s.history;
@@ -72,6 +72,8 @@ int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels,
         for (size_t c = 0; c < C; ++c) s.kernel(staged[c], result[c], m);
         const int32_t outs = m / s.group * s.outputs;
         k.merge_channels(out + static_cast<size_t>(o) * C, results, static_cast<uint32_t>(outs), channels);
+        if (last_channel != nullptr)
+            std::memcpy(last_channel + o, result[C - 1], static_cast<size_t>(outs) * sizeof(int16_t));
         o += outs;
         for (size_t c = 0; c < C; ++c)
             std::memmove(staged[c], staged[c] + m, static_cast<size_t>(H) * sizeof(int16_t));
@@ -84,11 +86,11 @@ int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels,
 }  // namespace
 
 int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ctx, uint32_t channels,
-                       const int16_t *in, int16_t *out, int32_t frames) {
+                       const int16_t *in, int16_t *out, int32_t frames, int16_t *last_channel) {
     if (ctx == nullptr || in == nullptr || out == nullptr || index > 4 || frames <= 0) return 0;
     const KernelSet &k = kernels();
     const Stage s = stage_of(direction, index);
-    if (channels >= 1 && channels <= kTogether) return stage_together(s, ctx, channels, in, out, frames);
+    if (channels >= 1 && channels <= kTogether) return stage_together(s, ctx, channels, in, out, frames, last_channel);
     const size_t C = channels;
     int32_t written = 0;
     for (size_t c = 0; c < C; ++c) {
@@ -108,6 +110,8 @@ int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ct
             const int32_t outs = m / s.group * s.outputs;
             k.scatter_channel(out + static_cast<size_t>(o) * C, result, static_cast<uint32_t>(outs), channels,
                               static_cast<uint32_t>(c));
+            if (last_channel != nullptr && c == C - 1)
+                std::memcpy(last_channel + o, result, static_cast<size_t>(outs) * sizeof(int16_t));
             o += outs;
             // The newest H samples carry over to the next piece.
             std::memmove(staged, staged + m, static_cast<size_t>(s.history) * sizeof(int16_t));

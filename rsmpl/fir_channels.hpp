@@ -23,8 +23,9 @@ namespace rsmpl::fir {
 
 enum class Direction : uint8_t { up, down };
 
-// Frames written to out: the stage's outputs per channel.
+// Frames written to out: the stage's outputs per channel. With last_channel
+// set, the last channel's outputs are also copied there, one after another.
 int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ctx, uint32_t channels,
-                       const int16_t *in, int16_t *out, int32_t frames);
+                       const int16_t *in, int16_t *out, int32_t frames, int16_t *last_channel = nullptr);
 
 }  // namespace rsmpl::fir

@@ -170,9 +170,6 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 	uint32_t remaining = src_frames;
 	uint32_t room = dst_frames;
 	bool overflow = false;
-	bool fused = false;
-	int16_t *last_dst = NULL;
-	uint32_t last_out = 0;
 
 	while (remaining > 0) {
 		/* Up: a chunk's output fits the 1440-sample buffer. Down: 960 is a
@@ -188,13 +185,12 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 		const uint32_t keep = out < room ? out : room;
 		if (keep < out)
 			overflow = true;
-		fused = channels > 0 && keep == out && admissible(rules_of(up, n), chunk) == chunk &&
+		const bool fused = channels > 0 && keep == out && admissible(rules_of(up, n), chunk) == chunk &&
 			disjoint(src, (size_t)chunk * channels, dst, (size_t)out * channels);
 		if (fused) {
+			/* sample_buf as the in-place loop would leave it: the last channel's output. */
 			rsmpl::fir::stage_channels(up ? rsmpl::fir::Direction::up : rsmpl::fir::Direction::down, index,
-						   rate->rsmpl_ctx, channels, src, dst, (int32_t)chunk);
-			last_dst = dst;
-			last_out = out;
+						   rate->rsmpl_ctx, channels, src, dst, (int32_t)chunk, rate->sample_buf);
 		} else {
 			for (uint32_t c = 0; c < channels; c++) {
 				int16_t *buf = rate->sample_buf;
@@ -211,9 +207,6 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 		room -= keep;
 		remaining -= chunk;
 	}
-	/* As the in-place loop would leave it: the last channel's output of the last chunk. */
-	if (fused)
-		gather_channel(rate->sample_buf, last_dst, last_out, channels, channels - 1);
 	return overflow;
 }
 
