@@ -1,5 +1,6 @@
 // x86-64 channel moves (rsmpl/channel_moves.hpp) for the SSE4.1 and AVX2
-// sets: stereo and four channels in 128-bit registers, eight frames a step;
+// sets: stereo and four channels in 128-bit registers, eight frames a step
+// (the AVX2 set splits and merges stereo sixteen frames a step);
 // other counts with the stride a compile-time constant, which the compiler
 // unrolls. Included by rsmpl/kernels_x86.inc; internal linkage.
 #pragma once
@@ -129,6 +130,18 @@ void scatter_channel(int16_t *frames, const int16_t *mono, uint32_t count, uint3
 void split_channels(int16_t *const *mono, const int16_t *frames, uint32_t count, uint32_t channels) {
     uint32_t k = 0;
     if (channels == 2) {
+#if defined(__AVX2__)
+        for (; k + 16 <= count; k += 16) {
+            const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(frames + 2 * size_t{k}));
+            const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(frames + 2 * size_t{k} + 16));
+            const __m256i l = _mm256_packs_epi32(_mm256_srai_epi32(_mm256_slli_epi32(a, 16), 16),
+                                                 _mm256_srai_epi32(_mm256_slli_epi32(b, 16), 16));
+            const __m256i r = _mm256_packs_epi32(_mm256_srai_epi32(a, 16), _mm256_srai_epi32(b, 16));
+            // The packs work per 128-bit lane: frames 0-3, 8-11, 4-7, 12-15 until reordered.
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(mono[0] + k), _mm256_permute4x64_epi64(l, 0xD8));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(mono[1] + k), _mm256_permute4x64_epi64(r, 0xD8));
+        }
+#endif
         for (; k + 8 <= count; k += 8) {
             const __m128i a = load(frames + 2 * size_t{k}), b = load(frames + 2 * size_t{k} + 8);
             // Sign-extended halves, so the packs cannot saturate.
@@ -158,6 +171,18 @@ void split_channels(int16_t *const *mono, const int16_t *frames, uint32_t count,
 void merge_channels(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels) {
     uint32_t k = 0;
     if (channels == 2) {
+#if defined(__AVX2__)
+        for (; k + 16 <= count; k += 16) {
+            const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(mono[0] + k));
+            const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(mono[1] + k));
+            // Per 128-bit lane: frames 0-3 and 8-11 (lo), 4-7 and 12-15 (hi).
+            const __m256i lo = _mm256_unpacklo_epi16(a, b), hi = _mm256_unpackhi_epi16(a, b);
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(frames + 2 * size_t{k}),
+                                _mm256_permute2x128_si256(lo, hi, 0x20));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(frames + 2 * size_t{k} + 16),
+                                _mm256_permute2x128_si256(lo, hi, 0x31));
+        }
+#endif
         for (; k + 8 <= count; k += 8) {
             const __m128i a = load(mono[0] + k), b = load(mono[1] + k);
             store(frames + 2 * size_t{k}, _mm_unpacklo_epi16(a, b));
