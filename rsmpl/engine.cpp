@@ -19,6 +19,10 @@ const KernelSet kScalarKernels{
     sinc_run_scalar,
     linear_expand_scalar,
     linear_shrink_scalar,
+    gather_channel_scalar,
+    scatter_channel_scalar,
+    split_channels_scalar,
+    merge_channels_scalar,
 };
 
 namespace {

@@ -2,6 +2,7 @@
 // processor, so an AArch64 build always has it and needs no extra flags.
 #include <cstring>
 
+#include "rsmpl/channel_moves_neon.hpp"
 #include "rsmpl/engine.hpp"
 #include "rsmpl/fir_neon.hpp"
 #include "rsmpl/linear_frames.hpp"
@@ -78,6 +79,10 @@ const KernelSet kNeonKernels{
     sinc::run<sinc::Neon>,
     linear_expand,
     linear_shrink,
+    moves::gather_channel,
+    moves::scatter_channel,
+    moves::split_channels,
+    moves::merge_channels,
 };
 
 }  // namespace rsmpl
