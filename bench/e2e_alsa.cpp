@@ -38,17 +38,19 @@
 
 namespace {
 
-constexpr unsigned kChannels = 2;
 constexpr unsigned kPeriodsPerSecond = 50;  // 20 ms periods
 constexpr unsigned kBufferPeriods = 4;
 
 struct RatePair {
     unsigned in;
     unsigned out;
+    unsigned channels = 2;
 };
 
+// The last two rows are four-channel twins of the first two: the cost of more channels.
 const RatePair kPairs[] = {
-    {16000, 48000}, {48000, 16000}, {8000, 48000}, {48000, 8000}, {24000, 48000}, {44100, 48000}, {8000, 32000},
+    {16000, 48000}, {48000, 16000}, {8000, 48000}, {48000, 8000}, {24000, 48000}, {44100, 48000}, {48000, 44100}, {8000, 32000},
+    {16000, 48000, 4}, {48000, 16000, 4},
 };
 
 struct Converter {
@@ -105,6 +107,11 @@ std::string RateText(unsigned rate) {
     return buf;
 }
 
+// The output rate, and the channels where they are not two.
+std::string OutText(const RatePair &pair) {
+    return RateText(pair.out) + (pair.channels == 2 ? "" : ", " + std::to_string(pair.channels) + " ch");
+}
+
 // A directory for ALSA_PLUGIN_DIR, which replaces alsa-lib's whole module
 // search path: it links the system's modules (the peers) and ours side by side.
 class PluginDir {
@@ -139,19 +146,19 @@ private:
     std::vector<std::string> links_;
 };
 
-// Interleaved stereo test signal, one second long: two tones and a little
+// Interleaved test signal, one second long: two tones and a little
 // noise at about -6 dBFS, so that no converter sees a trivial input.
-std::vector<int16_t> MakeSignal(unsigned rate) {
-    std::vector<int16_t> s(static_cast<size_t>(rate) * kChannels);
+std::vector<int16_t> MakeSignal(unsigned rate, unsigned channels) {
+    std::vector<int16_t> s(static_cast<size_t>(rate) * channels);
     uint32_t noise = 0x12345678u;
     for (unsigned i = 0; i < rate; ++i) {
         const double t = static_cast<double>(i) / rate;
-        for (unsigned c = 0; c < kChannels; ++c) {
+        for (unsigned c = 0; c < channels; ++c) {
             noise = noise * 1664525u + 1013904223u;
             const double n = (static_cast<double>(noise >> 16) / 65536.0 - 0.5) * 0.02;
             const double v = 0.3 * std::sin(2 * M_PI * (440.0 + 110.0 * c) * t) +
                              0.18 * std::sin(2 * M_PI * 0.3 * rate * t) + n;
-            s[static_cast<size_t>(i) * kChannels + c] = static_cast<int16_t>(std::lround(v * 32767.0));
+            s[static_cast<size_t>(i) * channels + c] = static_cast<int16_t>(std::lround(v * 32767.0));
         }
     }
     return s;
@@ -167,7 +174,7 @@ bool OpenPcm(rsmpl_harness::Pcm &pcm, const Converter &conv, const RatePair &pai
     }
     const snd_pcm_uframes_t period = pair.in / kPeriodsPerSecond;
     rsmpl_harness::HwSetup hw;
-    hw.channels = kChannels;
+    hw.channels = pair.channels;
     hw.rate = pair.in;
     hw.period = rsmpl_harness::Length::in_frames(period, true);
     hw.buffer = rsmpl_harness::Length::in_frames(period * kBufferPeriods);
@@ -198,16 +205,17 @@ bool Measure(const Converter &conv, const RatePair &pair, const std::vector<int1
     if (!OpenPcm(handle, conv, pair, cell, verbose)) return false;
     snd_pcm_t *pcm = handle.get();
     const unsigned period = pair.in / kPeriodsPerSecond;
+    const unsigned channels = pair.channels;
     const long periods = std::max(1L, std::lround(seconds * kPeriodsPerSecond));
     int err = snd_pcm_prepare(pcm);
     size_t offset = 0;
     auto write_periods = [&](long count) -> int {
         for (long p = 0; p < count; ++p) {
-            const snd_pcm_sframes_t w = snd_pcm_writei(pcm, &signal[offset * kChannels], period);
+            const snd_pcm_sframes_t w = snd_pcm_writei(pcm, &signal[offset * channels], period);
             if (w < 0) return static_cast<int>(w);
             if (static_cast<unsigned>(w) != period) return -EIO;
             offset += period;
-            if (offset + period > signal.size() / kChannels) offset = 0;
+            if (offset + period > signal.size() / channels) offset = 0;
         }
         return 0;
     };
@@ -298,7 +306,7 @@ int main(int argc, char **argv) {
 
     const size_t num_pairs = opt.max_pairs;
     std::vector<std::vector<int16_t>> signals;
-    for (size_t p = 0; p < num_pairs; ++p) signals.push_back(MakeSignal(kPairs[p].in));
+    for (size_t p = 0; p < num_pairs; ++p) signals.push_back(MakeSignal(kPairs[p].in, kPairs[p].channels));
 
     // cells[pair][converter]; rounds interleave every pair and converter, and
     // the converter order rotates per round so none always runs first.
@@ -317,8 +325,8 @@ int main(int argc, char **argv) {
     }
 
     // ---- Report ---------------------------------------------------------
-    std::printf("Engine of rsmplrate: %s. Stereo S16, 20 ms periods, `null` slave; %d rounds of %.2f s of audio "
-                "per converter and rate pair, interleaved.\n\n",
+    std::printf("Engine of rsmplrate: %s. Stereo S16 (where not marked otherwise), 20 ms periods, `null` slave; "
+                "%d rounds of %.2f s of audio per converter and rate pair, interleaved.\n\n",
                 BenchEngineName(), opt.rounds, opt.seconds);
 
     // One column per converter, one row per rate pair.
@@ -332,7 +340,7 @@ int main(int argc, char **argv) {
     std::printf("#### Times real time per core (median, min to max over rounds; higher is cheaper)\n\n");
     table_head();
     for (size_t p = 0; p < num_pairs; ++p) {
-        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
         for (size_t c = 0; c < kNumConverters; ++c) {
             const Cell &cell = cells[p][c];
             if (cell.cpu.empty()) {
@@ -348,7 +356,7 @@ int main(int argc, char **argv) {
     std::printf("\n#### CPU time per second of audio, µs (median; in brackets, above the copy floor)\n\n");
     table_head();
     for (size_t p = 0; p < num_pairs; ++p) {
-        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
         const Cell &floor = cells[p][kFloor];
         for (size_t c = 0; c < kNumConverters; ++c) {
             const Cell &cell = cells[p][c];
@@ -377,7 +385,7 @@ int main(int argc, char **argv) {
         for (size_t c = 2; c < kNumConverters; ++c) std::printf("---:|");
         std::printf("\n");
         for (size_t p = 0; p < num_pairs; ++p) {
-            std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str());
+            std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
             const Cell &ours = cells[p][mine];
             for (size_t c = 0; c < kNumConverters; ++c) {
                 if (c == mine || c == kFloor) continue;
@@ -398,10 +406,35 @@ int main(int argc, char **argv) {
     ratio_table(kOurs);
     ratio_table(kBest);
 
+    // More channels against stereo, per round: the same pair with two channels.
+    std::printf("\n#### More channels against stereo: CPU time / CPU time of the stereo row (median, min to max over "
+                "rounds)\n\n| Rate pair | rsmplrate | rsmplrate_best |\n|---|---:|---:|\n");
+    for (size_t p = 0; p < num_pairs; ++p) {
+        size_t q = 0;
+        auto stereo_twin = [&](const RatePair &r) {
+            return r.channels == 2 && r.in == kPairs[p].in && r.out == kPairs[p].out;
+        };
+        while (q < num_pairs && !stereo_twin(kPairs[q])) ++q;
+        if (kPairs[p].channels == 2 || q == num_pairs) continue;
+        std::printf("| %s → %s |", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str());
+        for (size_t c : {kOurs, kBest}) {
+            const std::vector<double> &many = cells[p][c].cpu, &two = cells[q][c].cpu;
+            std::vector<double> ratios;
+            for (size_t r = 0; r < std::min(many.size(), two.size()); ++r) ratios.push_back(many[r] / two[r]);
+            if (ratios.empty()) {
+                std::printf(" n/a |");
+                continue;
+            }
+            const auto [lo, hi] = std::minmax_element(ratios.begin(), ratios.end());
+            std::printf(" %s (%s–%s) |", Ratio(Median(ratios)).c_str(), Ratio(*lo).c_str(), Ratio(*hi).c_str());
+        }
+        std::printf("\n");
+    }
+
     std::printf("\n#### Which converter ran (from snd_pcm_dump)\n\n| Rate pair | rsmplrate | rsmplrate_best |\n"
                 "|---|---|---|\n");
     for (size_t p = 0; p < num_pairs; ++p)
-        std::printf("| %s → %s | %s | %s |\n", RateText(kPairs[p].in).c_str(), RateText(kPairs[p].out).c_str(),
+        std::printf("| %s → %s | %s | %s |\n", RateText(kPairs[p].in).c_str(), OutText(kPairs[p]).c_str(),
                     cells[p][kOurs].dump_line.empty() ? "n/a" : cells[p][kOurs].dump_line.c_str(),
                     cells[p][kBest].dump_line.empty() ? "n/a" : cells[p][kBest].dump_line.c_str());
     std::printf("\nEvery other measured cell was checked the same way: ");
@@ -419,7 +452,7 @@ int main(int argc, char **argv) {
             for (size_t c = 0; c < kNumConverters; ++c)
                 if (cells[p][c].cpu.empty())
                     std::printf("- %s, %s → %s: %s\n", kConverters[c].label, RateText(kPairs[p].in).c_str(),
-                                RateText(kPairs[p].out).c_str(), cells[p][c].failure.c_str());
+                                OutText(kPairs[p]).c_str(), cells[p][c].failure.c_str());
     }
     for (const std::string &name : opt.require) {
         bool found = false;

@@ -7,15 +7,18 @@ option(RSMPL_ENGINE_ENV "Let RSMPL_ENGINE in the environment force a kernel engi
 set(RSMPL_SSE41_SOURCES
   rsmpl/fir/fir_sse41.cpp
   rsmpl/sinc/sinc_sse41.cpp
-  rsmpl/linear/linear_sse41.cpp)
+  rsmpl/linear/linear_sse41.cpp
+  rsmpl/channels/channel_moves_sse41.cpp)
 set(RSMPL_AVX2_SOURCES
   rsmpl/fir/fir_avx2.cpp
   rsmpl/sinc/sinc_avx2.cpp
-  rsmpl/linear/linear_avx2.cpp)
+  rsmpl/linear/linear_avx2.cpp
+  rsmpl/channels/channel_moves_avx2.cpp)
 set(RSMPL_NEON_SOURCES
   rsmpl/fir/fir_neon.cpp
   rsmpl/sinc/sinc_neon.cpp
-  rsmpl/linear/linear_neon.cpp)
+  rsmpl/linear/linear_neon.cpp
+  rsmpl/channels/channel_moves_neon.cpp)
 
 # GCC only: keep its unrolled multiply-accumulate chains in order and its
 # loads unshared, which would otherwise spill the accumulators.

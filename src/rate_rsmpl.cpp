@@ -22,11 +22,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include "rsmpl/engine/engine.hpp"
+#include "rsmpl/fir/fir_channels.hpp"
 #include <rsmpl/rsmpl.h>
 
 #define RSMPL_MAX_CHANNELS 4
@@ -116,112 +113,47 @@ static inline uint64_t div_u64(uint64_t a, uint64_t b)
 
 /* ---- FIR path -------------------------------------------------------------- */
 
-/*
- * Moving one channel between the period and sample_buf: with the stride a
- * compile-time constant the compiler can unroll and vectorise the loop,
- * which a run-time stride leaves at one scalar load and store per sample.
- * sample_buf never aliases the period, hence __restrict.
- */
-template <uint32_t C>
-static inline void gather_fixed(int16_t *__restrict buf, const int16_t *__restrict src, uint32_t frames,
-				uint32_t c)
+/* Moving one channel between the period and sample_buf (never aliasing): the engine's moves. */
+static void gather_channel(int16_t *buf, const int16_t *src, uint32_t frames, uint32_t channels, uint32_t c)
 {
-	src += c;
-	for (uint32_t k = 0; k < frames; k++)
-		buf[k] = src[(size_t)k * C];
+	rsmpl::kernels().gather_channel(buf, src, frames, channels, c);
 }
 
-template <uint32_t C>
-static inline void scatter_fixed(int16_t *__restrict dst, const int16_t *__restrict buf, uint32_t frames,
-				 uint32_t c)
+static void scatter_channel(int16_t *dst, const int16_t *buf, uint32_t frames, uint32_t channels, uint32_t c)
 {
-	dst += c;
-	for (uint32_t k = 0; k < frames; k++)
-		dst[(size_t)k * C] = buf[k];
+	rsmpl::kernels().scatter_channel(dst, buf, frames, channels, c);
 }
 
-#if defined(__SSE2__)
-/*
- * Stereo, the common case, by hand: at -O2 the compiler leaves even the
- * constant-stride loop scalar. SSE2 is part of x86-64, so no dispatch.
- */
-static void gather_stereo(int16_t *__restrict buf, const int16_t *__restrict src, uint32_t frames, uint32_t c)
+struct stage_rules {
+	uint32_t min_block;
+	uint32_t multiple;
+};
+
+static stage_rules rules_of(bool up, uint32_t n)
 {
-	uint32_t k = 0;
-	for (; k + 8 <= frames; k += 8) {
-		__m128i a = _mm_loadu_si128((const __m128i *)(src + 2 * (size_t)k));
-		__m128i b = _mm_loadu_si128((const __m128i *)(src + 2 * (size_t)k + 8));
-		/* Sign-extend the wanted half of each frame so the pack cannot saturate. */
-		if (c == 0) {
-			a = _mm_slli_epi32(a, 16);
-			b = _mm_slli_epi32(b, 16);
-		}
-		a = _mm_srai_epi32(a, 16);
-		b = _mm_srai_epi32(b, 16);
-		_mm_storeu_si128((__m128i *)(buf + k), _mm_packs_epi32(a, b));
-	}
-	for (; k < frames; k++)
-		buf[k] = src[2 * (size_t)k + c];
+	if (up)
+		return {n == 2 ? 4u : 6u, 1u};
+	return {n == 2 ? 8u : n == 3 ? 18u : 36u, n == 2 ? 4u : 6u};
 }
 
-static void scatter_stereo(int16_t *__restrict dst, const int16_t *__restrict buf, uint32_t frames, uint32_t c)
+/* The largest block of at most `frames` that the stage accepts; 0 if none. */
+static uint64_t admissible(stage_rules r, uint64_t frames)
 {
-	const __m128i keep = c == 0 ? _mm_set1_epi32((int32_t)0xffff0000) : _mm_set1_epi32(0x0000ffff);
-	uint32_t k = 0;
-	for (; k + 8 <= frames; k += 8) {
-		const __m128i v = _mm_loadu_si128((const __m128i *)(buf + k));
-		__m128i *d0 = (__m128i *)(dst + 2 * (size_t)k);
-		__m128i *d1 = (__m128i *)(dst + 2 * (size_t)k + 8);
-		/* Each sample doubled into both halves of its frame; the mask keeps the other channel. */
-		const __m128i lo = _mm_unpacklo_epi16(v, v);
-		const __m128i hi = _mm_unpackhi_epi16(v, v);
-		_mm_storeu_si128(d0, _mm_or_si128(_mm_and_si128(keep, _mm_loadu_si128(d0)), _mm_andnot_si128(keep, lo)));
-		_mm_storeu_si128(d1, _mm_or_si128(_mm_and_si128(keep, _mm_loadu_si128(d1)), _mm_andnot_si128(keep, hi)));
-	}
-	for (; k < frames; k++)
-		dst[2 * (size_t)k + c] = buf[k];
-}
-#endif
-
-static void gather_channel(int16_t *__restrict buf, const int16_t *__restrict src, uint32_t frames,
-			   uint32_t channels, uint32_t c)
-{
-	switch (channels) {
-	case 1: memcpy(buf, src, (size_t)frames * sizeof(*buf)); return;
-#if defined(__SSE2__)
-	case 2: gather_stereo(buf, src, frames, c); return;
-#else
-	case 2: gather_fixed<2>(buf, src, frames, c); return;
-#endif
-	case 3: gather_fixed<3>(buf, src, frames, c); return;
-	case 4: gather_fixed<4>(buf, src, frames, c); return;
-	default: break;
-	}
-	for (uint32_t k = 0; k < frames; k++)
-		buf[k] = src[(size_t)k * channels + c];
+	return frames < r.min_block ? 0 : frames / r.multiple * r.multiple;
 }
 
-static void scatter_channel(int16_t *__restrict dst, const int16_t *__restrict buf, uint32_t frames,
-			    uint32_t channels, uint32_t c)
+/* alsa-lib never converts in place; a caller that does gets the channel-by-channel loop. */
+static bool disjoint(const int16_t *a, size_t a_samples, const int16_t *b, size_t b_samples)
 {
-	switch (channels) {
-	case 1: memcpy(dst, buf, (size_t)frames * sizeof(*dst)); return;
-#if defined(__SSE2__)
-	case 2: scatter_stereo(dst, buf, frames, c); return;
-#else
-	case 2: scatter_fixed<2>(dst, buf, frames, c); return;
-#endif
-	case 3: scatter_fixed<3>(dst, buf, frames, c); return;
-	case 4: scatter_fixed<4>(dst, buf, frames, c); return;
-	default: break;
-	}
-	for (uint32_t k = 0; k < frames; k++)
-		dst[(size_t)k * channels + c] = buf[k];
+	const uintptr_t pa = (uintptr_t)a, pb = (uintptr_t)b;
+	return pa + a_samples * sizeof(int16_t) <= pb || pb + b_samples * sizeof(int16_t) <= pa;
 }
 
 /*
  * Shared chunk loop of both FIR directions, for periods that meet the
- * stage's block rules. Each chunk of one channel is gathered into
+ * stage's block rules. A chunk normally goes through the stage with all its
+ * channels in one pass, straight from the period into the output, so each
+ * sample moves once. Otherwise each chunk of one channel is gathered into
  * sample_buf, converted there in place, and scattered back. A chunk the
  * stage refuses (only when a call strays from such periods) comes out as
  * silence on that channel, and the channel's history stays as it was.
@@ -253,14 +185,22 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 		const uint32_t keep = out < room ? out : room;
 		if (keep < out)
 			overflow = true;
-		for (uint32_t c = 0; c < channels; c++) {
-			int16_t *buf = rate->sample_buf;
-			gather_channel(buf, src, chunk, channels, c);
-			const uint32_t status = up ? RSMPL_Up(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, index)
-						   : RSMPL_Down(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, index);
-			if (status != RSMPL_OK)
-				memset(buf, 0, out * sizeof(*buf));
-			scatter_channel(dst, buf, keep, channels, c);
+		const bool fused = channels > 0 && keep == out && admissible(rules_of(up, n), chunk) == chunk &&
+			disjoint(src, (size_t)chunk * channels, dst, (size_t)out * channels);
+		if (fused) {
+			/* sample_buf as the in-place loop would leave it: the last channel's output. */
+			rsmpl::fir::stage_channels(up ? rsmpl::fir::Direction::up : rsmpl::fir::Direction::down, index,
+						   rate->rsmpl_ctx, channels, src, dst, (int32_t)chunk, rate->sample_buf);
+		} else {
+			for (uint32_t c = 0; c < channels; c++) {
+				int16_t *buf = rate->sample_buf;
+				gather_channel(buf, src, chunk, channels, c);
+				const uint32_t status = up ? RSMPL_Up(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, index)
+							   : RSMPL_Down(rate->rsmpl_ctx[c], buf, buf, (int32_t)chunk, index);
+				if (status != RSMPL_OK)
+					memset(buf, 0, out * sizeof(*buf));
+				scatter_channel(dst, buf, keep, channels, c);
+			}
 		}
 		src += (size_t)chunk * channels;
 		dst += (size_t)keep * channels;
@@ -271,24 +211,6 @@ static bool rsmplrate_convert(struct rsmpl_rate *rate, bool up, int16_t *dst, ui
 }
 
 /* ---- Periods the stage cannot take as they come ----------------------------- */
-
-struct stage_rules {
-	uint32_t min_block;
-	uint32_t multiple;
-};
-
-static stage_rules rules_of(bool up, uint32_t n)
-{
-	if (up)
-		return {n == 2 ? 4u : 6u, 1u};
-	return {n == 2 ? 8u : n == 3 ? 18u : 36u, n == 2 ? 4u : 6u};
-}
-
-/* The largest block of at most `frames` that the stage accepts; 0 if none. */
-static uint64_t admissible(stage_rules r, uint64_t frames)
-{
-	return frames < r.min_block ? 0 : frames / r.multiple * r.multiple;
-}
 
 /* A fresh stream: nothing carried, `delay` frames of silence queued. */
 static void fit_restart(struct rsmpl_period_fit *fit)

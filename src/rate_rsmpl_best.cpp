@@ -38,10 +38,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
+#include "rsmpl/engine/engine.hpp"
+#include "rsmpl/fir/fir_channels.hpp"
 #include <rsmpl/rsmpl.h>
 
 #define BEST_MAX_CHANNELS 8
@@ -154,96 +152,15 @@ static void sink_end(const struct best_rate *rate, struct sink *out)
 		snd_lib_error(best_file, __LINE__, __func__, 0, "dst_frames overflow");
 }
 
-/* With the stride a compile-time constant the compiler can unroll and vectorise. */
-template <uint32_t C>
-static void gather_c(int16_t *__restrict mono, const int16_t *__restrict src, uint32_t frames, uint32_t c)
+/* Channel moves between interleaved frames and one channel's block: the engine's. */
+static void gather(int16_t *mono, const int16_t *src, uint32_t frames, uint32_t channels, uint32_t c)
 {
-	src += c;
-	for (uint32_t k = 0; k < frames; k++)
-		mono[k] = src[(size_t)k * C];
+	rsmpl::kernels().gather_channel(mono, src, frames, channels, c);
 }
 
-template <uint32_t C>
-static void scatter_c(int16_t *__restrict dst, const int16_t *__restrict mono, uint32_t frames, uint32_t c)
+static void scatter_to(int16_t *dst, const int16_t *mono, uint32_t frames, uint32_t channels, uint32_t c)
 {
-	dst += c;
-	for (uint32_t k = 0; k < frames; k++)
-		dst[(size_t)k * C] = mono[k];
-}
-
-#if defined(__SSE2__)
-/*
- * Stereo by hand: at -O2 the compiler leaves even the constant-stride loop
- * scalar. The same moves as the FIR path of rsmplrate (src/rate_rsmpl.cpp).
- */
-template <>
-void gather_c<2>(int16_t *__restrict mono, const int16_t *__restrict src, uint32_t frames, uint32_t c)
-{
-	uint32_t k = 0;
-	for (; k + 8 <= frames; k += 8) {
-		__m128i a = _mm_loadu_si128((const __m128i *)(src + 2 * (size_t)k));
-		__m128i b = _mm_loadu_si128((const __m128i *)(src + 2 * (size_t)k + 8));
-		/* Sign-extend the wanted half of each frame so the pack cannot saturate. */
-		if (c == 0) {
-			a = _mm_slli_epi32(a, 16);
-			b = _mm_slli_epi32(b, 16);
-		}
-		a = _mm_srai_epi32(a, 16);
-		b = _mm_srai_epi32(b, 16);
-		_mm_storeu_si128((__m128i *)(mono + k), _mm_packs_epi32(a, b));
-	}
-	for (; k < frames; k++)
-		mono[k] = src[2 * (size_t)k + c];
-}
-
-template <>
-void scatter_c<2>(int16_t *__restrict dst, const int16_t *__restrict mono, uint32_t frames, uint32_t c)
-{
-	const __m128i keep = c == 0 ? _mm_set1_epi32((int32_t)0xffff0000) : _mm_set1_epi32(0x0000ffff);
-	uint32_t k = 0;
-	for (; k + 8 <= frames; k += 8) {
-		const __m128i v = _mm_loadu_si128((const __m128i *)(mono + k));
-		__m128i *d0 = (__m128i *)(dst + 2 * (size_t)k);
-		__m128i *d1 = (__m128i *)(dst + 2 * (size_t)k + 8);
-		/* Each sample doubled into both halves of its frame; the mask keeps the other channel. */
-		const __m128i lo = _mm_unpacklo_epi16(v, v);
-		const __m128i hi = _mm_unpackhi_epi16(v, v);
-		_mm_storeu_si128(d0, _mm_or_si128(_mm_and_si128(keep, _mm_loadu_si128(d0)), _mm_andnot_si128(keep, lo)));
-		_mm_storeu_si128(d1, _mm_or_si128(_mm_and_si128(keep, _mm_loadu_si128(d1)), _mm_andnot_si128(keep, hi)));
-	}
-	for (; k < frames; k++)
-		dst[2 * (size_t)k + c] = mono[k];
-}
-#endif
-
-static void gather(int16_t *__restrict mono, const int16_t *__restrict src, uint32_t frames, uint32_t channels,
-		   uint32_t c)
-{
-	switch (channels) {
-	case 1: memcpy(mono, src, frames * sizeof(int16_t)); return;
-	case 2: gather_c<2>(mono, src, frames, c); return;
-	case 3: gather_c<3>(mono, src, frames, c); return;
-	case 4: gather_c<4>(mono, src, frames, c); return;
-	case 5: gather_c<5>(mono, src, frames, c); return;
-	case 6: gather_c<6>(mono, src, frames, c); return;
-	case 7: gather_c<7>(mono, src, frames, c); return;
-	default: gather_c<8>(mono, src, frames, c); return;
-	}
-}
-
-static void scatter_to(int16_t *__restrict dst, const int16_t *__restrict mono, uint32_t frames, uint32_t channels,
-		       uint32_t c)
-{
-	switch (channels) {
-	case 1: memcpy(dst, mono, frames * sizeof(int16_t)); return;
-	case 2: scatter_c<2>(dst, mono, frames, c); return;
-	case 3: scatter_c<3>(dst, mono, frames, c); return;
-	case 4: scatter_c<4>(dst, mono, frames, c); return;
-	case 5: scatter_c<5>(dst, mono, frames, c); return;
-	case 6: scatter_c<6>(dst, mono, frames, c); return;
-	case 7: scatter_c<7>(dst, mono, frames, c); return;
-	default: scatter_c<8>(dst, mono, frames, c); return;
-	}
+	rsmpl::kernels().scatter_channel(dst, mono, frames, channels, c);
 }
 
 /* One channel's `frames` outputs: the first to_dst to dst, the rest to the FIFO. */
@@ -262,11 +179,28 @@ static uint32_t fir_output(const struct best_rate *rate, uint32_t frames)
 	return (uint32_t)div_u64((uint64_t)frames * rate->num, rate->den);
 }
 
+/* alsa-lib never converts in place; a caller that does gets the channel-by-channel loop. */
+static bool disjoint(const int16_t *a, size_t a_samples, const int16_t *b, size_t b_samples)
+{
+	const uintptr_t pa = (uintptr_t)a, pb = (uintptr_t)b;
+	return pa + a_samples * sizeof(int16_t) <= pb || pb + b_samples * sizeof(int16_t) <= pa;
+}
+
 /* One FIR block of `frames` interleaved frames. */
 static void fir_block(struct best_rate *rate, const int16_t *src, uint32_t frames, struct sink *out)
 {
 	const uint32_t n = fir_output(rate, frames);
 	const uint32_t to_dst = sink_reserve(rate, out, n);
+	const size_t ch = rate->channels;
+	/* All channels in one pass, straight into dst or the FIFO, when the block's output goes to one of them. */
+	int16_t *whole = to_dst == n ? out->dst + (size_t)out->pos * ch
+		       : to_dst == 0 ? rate->fifo + (size_t)rate->fifo_frames * ch : NULL;
+	if (whole != NULL && n > 0 && disjoint(src, (size_t)frames * ch, whole, (size_t)n * ch)) {
+		rsmpl::fir::stage_channels(rate->path == PATH_UP ? rsmpl::fir::Direction::up : rsmpl::fir::Direction::down,
+					   rate->index, rate->ctx, rate->channels, src, whole, (int32_t)frames);
+		sink_advance(rate, out, n, to_dst);
+		return;
+	}
 	for (uint32_t c = 0; c < rate->channels; c++) {
 		int16_t *buf = rate->scratch;
 		gather(buf, src, frames, rate->channels, c);

@@ -507,3 +507,83 @@ TEST(LinearEngine, ShrinkMatchesScalarIncludingOverflow) {
 }  // namespace linear
 
 }  // namespace
+
+// ---- Channel moves ---------------------------------------------------------------
+
+namespace moves {
+
+// Every engine, the scalar one included, against the index formula itself:
+// counts that end inside and after the vector steps, and frames that start
+// one sample off the vector alignment.
+TEST(ChannelMoves, GatherAndScatterMoveExactlyOneChannelForEveryCount) {
+    for (const KernelSet *e : rsmpl::available_kernels())
+        for (uint32_t channels = 1; channels <= 8; ++channels)
+            for (uint32_t count : {0u, 1u, 7u, 8u, 9u, 15u, 16u, 17u, 31u, 33u, 481u})
+                for (uint32_t c = 0; c < channels; ++c) {
+                    const size_t n = size_t{count} * channels;
+                    const Samples frames = rsmpl_test::hostile_samples(n + 1, count * 8 + channels * 131 + c);
+                    const Samples mono_in = rsmpl_test::hostile_samples(count, count + c + 77);
+
+                    Guarded<int16_t> src(n + 1), mono(count);
+                    std::copy(frames.begin(), frames.end(), src.data());
+                    e->gather_channel(mono.data(), src.data() + 1, count, channels, c);
+                    for (uint32_t k = 0; k < count; ++k)
+                        ASSERT_EQ(mono[k], frames[1 + size_t{k} * channels + c])
+                            << e->name << ": gather " << channels << " ch, channel " << c << ", count " << count
+                            << ", frame " << k;
+                    ASSERT_TRUE(mono.guards_intact()) << e->name;
+                    ASSERT_TRUE(std::equal(frames.begin(), frames.end(), src.data())) << e->name << ": source written";
+
+                    Guarded<int16_t> dst(n + 1), in(count);
+                    std::copy(frames.begin(), frames.end(), dst.data());
+                    std::copy(mono_in.begin(), mono_in.end(), in.data());
+                    e->scatter_channel(dst.data() + 1, in.data(), count, channels, c);
+                    Samples want = frames;
+                    for (uint32_t k = 0; k < count; ++k) want[1 + size_t{k} * channels + c] = mono_in[k];
+                    ASSERT_TRUE(std::equal(want.begin(), want.end(), dst.data()))
+                        << e->name << ": scatter " << channels << " ch, channel " << c << ", count " << count;
+                    ASSERT_TRUE(dst.guards_intact()) << e->name;
+                }
+}
+
+}  // namespace moves
+
+namespace moves {
+
+// Splitting and merging every channel at once equals the index formula, for
+// the channel counts with vector paths and those without.
+TEST(ChannelMoves, SplitAndMergeEveryChannelAtOnce) {
+    for (const KernelSet *e : rsmpl::available_kernels())
+        for (uint32_t channels = 1; channels <= 8; ++channels)
+            for (uint32_t count : {0u, 1u, 7u, 8u, 9u, 16u, 23u, 481u}) {
+                const size_t n = size_t{count} * channels;
+                const Samples frames = rsmpl_test::hostile_samples(n + 1, count * 16 + channels);
+                Guarded<int16_t> src(n + 1);
+                std::copy(frames.begin(), frames.end(), src.data());
+                std::vector<std::unique_ptr<Guarded<int16_t>>> mono;
+                std::vector<int16_t *> out;
+                for (uint32_t c = 0; c < channels; ++c) {
+                    mono.push_back(std::make_unique<Guarded<int16_t>>(count));
+                    out.push_back(mono.back()->data());
+                }
+                e->split_channels(out.data(), src.data() + 1, count, channels);
+                for (uint32_t c = 0; c < channels; ++c) {
+                    for (uint32_t k = 0; k < count; ++k)
+                        ASSERT_EQ(out[c][k], frames[1 + size_t{k} * channels + c])
+                            << e->name << ": split " << channels << " ch, count " << count << ", channel " << c;
+                    ASSERT_TRUE(mono[c]->guards_intact()) << e->name;
+                }
+
+                // Merged back into a buffer that held other samples: every one replaced.
+                Guarded<int16_t> dst(n + 1);
+                std::fill(dst.data(), dst.data() + n + 1, int16_t{0x5A5A});
+                std::vector<const int16_t *> in(out.begin(), out.end());
+                e->merge_channels(dst.data() + 1, in.data(), count, channels);
+                ASSERT_EQ(dst[0], int16_t{0x5A5A}) << e->name;
+                ASSERT_TRUE(std::equal(frames.begin() + 1, frames.end(), dst.data() + 1))
+                    << e->name << ": merge " << channels << " ch, count " << count;
+                ASSERT_TRUE(dst.guards_intact()) << e->name;
+            }
+}
+
+}  // namespace moves

@@ -1,6 +1,6 @@
 // All channels of a period through one FIR stage in one call equal the
 // per-channel RSMPL_Up / RSMPL_Down calls: the interleaved outputs and every
-// byte of every context, call after call, for 1 to 4 channels and lengths
+// byte of every context, call after call, for 1 to 6 channels and lengths
 // from the shortest accepted to several internal pieces.
 #include <array>
 #include <cstring>
@@ -36,7 +36,7 @@ TEST(StageChannels, EqualsOneCallPerChannelOutputsAndContexts) {
     std::mt19937 rng(7);
     for (Direction d : {Direction::up, Direction::down})
         for (uint32_t index = 0; index < 5; ++index)
-            for (uint32_t C = 1; C <= 4; ++C) {
+            for (uint32_t C = 1; C <= 6; ++C) {
                 const std::string what = std::string(d == Direction::up ? "up " : "down ") + std::to_string(index) +
                                          ", " + std::to_string(C) + " channels";
                 Contexts fused(C), separate(C);

@@ -420,7 +420,8 @@ TEST_F(PluginOps, ShrinkerStopsAtDstFramesAndReportsEachChannel) {
 // ---- FIR path against the resampler interface called directly ------------------
 
 // Periods longer than the sample buffer allows are cut into the documented
-// chunks; every channel keeps its own history across chunks and calls.
+// chunks; every channel keeps its own history across chunks and calls, and
+// the sample buffer ends up with the last channel's last chunk output.
 TEST_F(PluginOps, FirPathChunksLikeTheResamplerInterface) {
     struct Call { unsigned frames; std::vector<unsigned> chunks; };
     struct Case { unsigned in_rate, out_rate, channels; std::vector<Call> calls; };
@@ -446,7 +447,14 @@ TEST_F(PluginOps, FirPathChunksLikeTheResamplerInterface) {
         for (const Call &call : c.calls) {
             const auto src = random_samples(size_t{call.frames} * c.channels, ++seed);
             const unsigned out_frames = up ? call.frames * factor : call.frames / factor;
-            EXPECT_EQ(convert(src, out_frames, c.channels), ref.run(src, call.chunks)) << call.frames;
+            const std::vector<int16_t> want = ref.run(src, call.chunks);
+            EXPECT_EQ(convert(src, out_frames, c.channels), want) << call.frames;
+            if (call.chunks.empty()) continue;
+            // The sample buffer is left holding the last channel's output of the last chunk.
+            const unsigned last = up ? call.chunks.back() * factor : call.chunks.back() / factor;
+            for (unsigned k = 0; k < last; ++k)
+                ASSERT_EQ(state().sample_buf[k], want[size_t{out_frames - last + k} * c.channels + c.channels - 1])
+                    << call.frames << " frames, sample " << k;
         }
     }
     EXPECT_TRUE(g_reports.empty());

@@ -1,7 +1,8 @@
 // Kernel engines: one set of inner loops per instruction set, all equal to
 // the scalar reference bit for bit. The library picks one set once per
 // process and every stage, the sinc interpolator and the plug-in's linear
-// converter take their inner loops from it.
+// converter take their inner loops from it, and both plug-ins their
+// channel moves.
 //
 //   scalar  plain C++, the definition of the arithmetic; always present
 //   sse41   x86-64 with SSE4.1 (128-bit), chosen at run time from the CPU
@@ -18,6 +19,7 @@
 #include <cstdint>
 #include <span>
 
+#include "rsmpl/channels/channel_moves.hpp"
 #include "rsmpl/fir/downsample_kernels.hpp"
 #include "rsmpl/fir/upsample.hpp"
 #include "rsmpl/linear/linear_kernels.hpp"
@@ -38,6 +40,10 @@ struct KernelSet {
     SincKernel sinc;
     LinearExpand linear_expand;
     LinearShrink linear_shrink;
+    GatherChannel gather_channel;
+    ScatterChannel scatter_channel;
+    SplitChannels split_channels;
+    MergeChannels merge_channels;
 };
 
 // The set in use, chosen once (thread-safe) at the first call.

@@ -280,8 +280,7 @@ template <const auto &L, bool kBegin>
 }
 #undef RSMPL_X86_MARK
 
-// Pre-broadcast pair words, one vector per (row, pair), so that a multiply
-// takes its coefficients straight from memory.
+// Pre-broadcast pair words, one vector per (row, pair): one plain load each.
 template <const auto &L>
 struct Broadcast {
     using Layout = std::remove_cvref_t<decltype(L)>;
@@ -295,21 +294,33 @@ struct Broadcast {
 template <const auto &L>
 alignas(32) inline constexpr Broadcast<L> kBroadcast{};
 
-// acc (+)= madd(x, c). With AVX2 written as volatile asm with c from memory:
-// the compiler otherwise hoists every multiply of a pass and spills the
-// products, and the front end, not the multipliers, sets the pace.
-template <bool kFirst>
-[[gnu::always_inline]] inline void madd_acc(Vec &acc, Vec x, const int32_t *c) {
+// The pair's coefficients in a register, loaded once for both halves of a
+// block: a multiply with its coefficients from memory costs a load each time,
+// and the load ports, not the multipliers, then set the pace.
+[[gnu::always_inline]] inline Vec coef(const int32_t *c) {
 #if defined(__AVX2__)
-    const auto &cv = *reinterpret_cast<const Vec *>(c);
+    Vec v;
+    asm volatile("vmovdqa %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const Vec *>(c)));
+    return v;
+#else
+    return load(c);
+#endif
+}
+
+// acc (+)= madd(x, c). With AVX2 written as volatile asm: the compiler
+// otherwise hoists every multiply of a pass and spills the products, and the
+// front end, not the multipliers, sets the pace.
+template <bool kFirst>
+[[gnu::always_inline]] inline void madd_reg(Vec &acc, Vec x, Vec c) {
+#if defined(__AVX2__)
     if constexpr (kFirst) {
-        asm volatile("vpmaddwd %1, %2, %0" : "=x"(acc) : "m"(cv), "x"(x));
+        asm volatile("vpmaddwd %1, %2, %0" : "=x"(acc) : "x"(c), "x"(x));
     } else {
         Vec t;
-        asm volatile("vpmaddwd %2, %3, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "m"(cv), "x"(x));
+        asm volatile("vpmaddwd %2, %3, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "x"(c), "x"(x));
     }
 #else
-    const Vec p = madd(x, load(c));
+    const Vec p = madd(x, c);
     acc = kFirst ? p : add(acc, p);
 #endif
 }
@@ -378,8 +389,9 @@ template <const auto &L>
                     if constexpr (p < P && !L.zero_pair(p, m)) {
                         constexpr int b = L.bin[p][m];
                         constexpr bool first = first_of_bin(L, p, m);
-                        madd_acc<first>(acc[q][0][b], x0, kBroadcast<L>.v[p][m]);
-                        madd_acc<first>(acc[q][1][b], x1, kBroadcast<L>.v[p][m]);
+                        const Vec c = coef(kBroadcast<L>.v[p][m]);
+                        madd_reg<first>(acc[q][0][b], x0, c);
+                        madd_reg<first>(acc[q][1][b], x1, c);
                     }
                 });
             }
