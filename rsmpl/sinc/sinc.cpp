@@ -92,11 +92,12 @@ void fill_rows() {
             const int j = p + 128 * m;
             const int32_t w = j < kSincWingLength ? sincWing[j] : 0;
             const int32_t d = j < kSincWingLength ? sincWingDelta[j] : 0;
-            t.wing[p][m] = t.wingRev[p][15 - m] = w;
-            t.delta[p][m] = t.deltaRev[p][15 - m] = d;
+            const int at = 16 * p + m, rev = 16 * p + 15 - m;
+            t.wing[at] = t.wingRev[rev] = w;
+            t.delta[at] = t.deltaRev[rev] = d;
             const uint32_t high = static_cast<uint32_t>(d) >> 16;
-            t.deltaHigh[p][m] = t.deltaHighRev[p][15 - m] = high | high << 16;
-            t.deltaLow[p][m] = t.deltaLowRev[p][15 - m] = static_cast<uint32_t>(d) & 0xFFFFu;
+            t.deltaHigh[at] = t.deltaHighRev[rev] = high | high << 16;
+            t.deltaLow[at] = t.deltaLowRev[rev] = static_cast<uint32_t>(d) & 0xFFFFu;
         }
 }
 

@@ -58,7 +58,7 @@ inline uint32_t fraction(uint32_t t) {
 }
 
 // Where each output of a chunk reads at 128 entries per tap: its centre
-// sample, the rows of both wings and their fractions g' (times
+// sample, the row offsets of both wings and their fractions g' (times
 // 2^Isa::kFractionShift). Worked out for the whole chunk first, so the
 // sums never wait on this chain of scalar arithmetic.
 struct UnityOutputs {
@@ -150,8 +150,8 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
         const uint32_t f = p & 0xFFFFu;
         const uint32_t t0 = (f + (f >> 15)) << 7;  // (f' * 128 entries) >> 16, exactly
         const uint32_t u = kUnityTableStep - t0;
-        o.left[j] = static_cast<int32_t>(t0 >> 16);
-        o.right[j] = static_cast<int32_t>(u >> 16);
+        o.left[j] = static_cast<int32_t>(t0 >> 16) * 16;
+        o.right[j] = static_cast<int32_t>(u >> 16) * 16;
         o.gl[j] = static_cast<int32_t>(fraction(t0) << kFractionShift);
         o.gr[j] = static_cast<int32_t>(fraction(u) << kFractionShift);
     }

@@ -74,8 +74,9 @@ struct SincRun {
 // A kernel engine replaces exactly this function (rsmpl/engine/engine.hpp).
 void sinc_run_scalar(const SincRun &r, int16_t *out);
 
-// Table entry p + 128m of the wing and of its deltas at [p][m], zero past
-// the table; rows p = 0..128, m = 0..15. At 128 entries per tap (ratios 1
+// Table entry p + 128m of the wing and of its deltas at [16p + m], zero past
+// the table; rows p = 0..128 of 16 (m = 0..15), one flat array so a row
+// offset reads in bounds. At 128 entries per tap (ratios 1
 // and above) all taps of one output share the entry's fraction, so the
 // coefficients of a wing are one row. The reversed copies hold m = 15 - lane
 // for the left wing, whose samples run the other way. The deltas also come
@@ -83,14 +84,14 @@ void sinc_run_scalar(const SincRun &r, int16_t *out);
 // of a word, and the low half (delta & 0xFFFF) zero-extended. Built at
 // first use.
 struct SincRows {
-    alignas(64) int32_t wing[129][16];
-    alignas(64) int32_t delta[129][16];
-    alignas(64) int32_t wingRev[129][16];
-    alignas(64) int32_t deltaRev[129][16];
-    alignas(64) uint32_t deltaHigh[129][16];
-    alignas(64) uint32_t deltaLow[129][16];
-    alignas(64) uint32_t deltaHighRev[129][16];
-    alignas(64) uint32_t deltaLowRev[129][16];
+    alignas(64) int32_t wing[129 * 16];
+    alignas(64) int32_t delta[129 * 16];
+    alignas(64) int32_t wingRev[129 * 16];
+    alignas(64) int32_t deltaRev[129 * 16];
+    alignas(64) uint32_t deltaHigh[129 * 16];
+    alignas(64) uint32_t deltaLow[129 * 16];
+    alignas(64) uint32_t deltaHighRev[129 * 16];
+    alignas(64) uint32_t deltaLowRev[129 * 16];
     // The wing and its deltas with zeros around, entry j at kPaddedZero + j:
     // runs of entries read straight past either end.
     static constexpr int kPaddedZero = 160;

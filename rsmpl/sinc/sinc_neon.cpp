@@ -52,8 +52,8 @@ struct Neon {
             const uint32x4_t f = vandq_u32(p, vdupq_n_u32(0xFFFF));
             const uint32x4_t t0 = vshlq_n_u32(vsraq_n_u32(f, f, 15), 7);
             const uint32x4_t u = vsubq_u32(unity, t0);
-            vst1q_s32(o.left + j, vreinterpretq_s32_u32(vshrq_n_u32(t0, 16)));
-            vst1q_s32(o.right + j, vreinterpretq_s32_u32(vshrq_n_u32(u, 16)));
+            vst1q_s32(o.left + j, vreinterpretq_s32_u32(vshlq_n_u32(vshrq_n_u32(t0, 16), 4)));
+            vst1q_s32(o.right + j, vreinterpretq_s32_u32(vshlq_n_u32(vshrq_n_u32(u, 16), 4)));
             const uint32x4_t gl = vandq_u32(t0, vdupq_n_u32(0xFFFF)), gr = vandq_u32(u, vdupq_n_u32(0xFFFF));
             vst1q_s32(o.gl + j, vreinterpretq_s32_u32(vshlq_n_u32(vsraq_n_u32(gl, gl, 15), kFractionShift)));
             vst1q_s32(o.gr + j, vreinterpretq_s32_u32(vshlq_n_u32(vsraq_n_u32(gr, gr, 15), kFractionShift)));
@@ -72,8 +72,8 @@ struct Neon {
         for (uint32_t i = 0; i < n; ++i) {
             RSMPL_MCA_BEGIN("sinc_up", 1, 0);
             const int32_t *xc = x0 + o.at[i];
-            const int32_t *wl = r.wingRev[o.left[i]], *dl = r.deltaRev[o.left[i]];
-            const int32_t *wr = r.wing[o.right[i]], *dr = r.delta[o.right[i]];
+            const int32_t *wl = r.wingRev + o.left[i], *dl = r.deltaRev + o.left[i];
+            const int32_t *wr = r.wing + o.right[i], *dr = r.delta + o.right[i];
             const int32x4_t gl = vld1q_dup_s32(o.gl + i), gr = vld1q_dup_s32(o.gr + i);
             int32x4_t t[8];
 #pragma GCC unroll 4

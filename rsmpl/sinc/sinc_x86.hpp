@@ -203,9 +203,9 @@ struct X86 {
     // 128 entries - t0.
     [[gnu::always_inline]] static V output(const Window &w, const SincRows &r, const UnityOutputs &o, uint32_t i) {
         const int32_t at = kPad + o.at[i];
-        const int32_t *wl = r.wingRev[o.left[i]], *wr = r.wing[o.right[i]];
-        const uint32_t *hl = r.deltaHighRev[o.left[i]], *hr = r.deltaHigh[o.right[i]];
-        const uint32_t *ll = r.deltaLowRev[o.left[i]], *lr = r.deltaLow[o.right[i]];
+        const int32_t *wl = r.wingRev + o.left[i], *wr = r.wing + o.right[i];
+        const uint32_t *hl = r.deltaHighRev + o.left[i], *hr = r.deltaHigh + o.right[i];
+        const uint32_t *ll = r.deltaLowRev + o.left[i], *lr = r.deltaLow + o.right[i];
         const V gl1 = set1(static_cast<uint32_t>(o.gl[i])), gr1 = set1(static_cast<uint32_t>(o.gr[i]));
         const V gl2 = set1(static_cast<uint32_t>(o.gl2[i])), gr2 = set1(static_cast<uint32_t>(o.gr2[i]));
         V sum0 = set1(0), sum1 = set1(0);
