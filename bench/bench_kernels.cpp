@@ -41,7 +41,7 @@
 
 #include "engine.hpp"
 #include "harness/alsa_harness.hpp"
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 #ifndef RSMPL_MODULE_PATH
 #define RSMPL_MODULE_PATH ""

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "bench/engine.hpp"
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 namespace {
 

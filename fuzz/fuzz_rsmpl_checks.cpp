@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "fuzz_support.hpp"
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 
 namespace {
 

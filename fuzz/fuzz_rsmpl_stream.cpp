@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "fuzz_support.hpp"
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 namespace {
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "fuzz_support.hpp"
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 
 namespace {
 

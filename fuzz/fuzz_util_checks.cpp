@@ -1,6 +1,6 @@
 // The checking UTIL_* forwarders with hostile arguments: aligned allocation,
 // the block FIR, byte reordering (with overlapping ranges) and the spline fit.
-// Status codes must follow the rules in util/rsmpl_util.h in their order,
+// Status codes must follow the rules in rsmpl/rsmpl_util.h in their order,
 // rejected calls must touch nothing, and accepted ones must compute what the
 // rules say (a model of each is kept here) without leaving their buffers.
 #include <algorithm>
@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "fuzz_support.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

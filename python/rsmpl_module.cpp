@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl.h>
+#include <rsmpl/rsmpl_util.h>
 
 namespace py = pybind11;
 

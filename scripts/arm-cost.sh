@@ -3,8 +3,8 @@
 # llvm-mca (LLVM 19) simulates each kernel's hot loop on LLVM's models of the
 # target cores. The NEON sources are cross-compiled with the project's own
 # flags (taken from CMake's compile commands) plus RSMPL_MCA, which turns the
-# marks of rsmpl/mca.hpp into llvm-mca regions; every marked region found is
-# measured, so a kernel needs no entry here. Cycles per output are the
+# marks of rsmpl/engine/mca.hpp into llvm-mca regions; every marked region
+# found is measured, so a kernel needs no entry here. Cycles per output are the
 # region's steady-state cycles per iteration over its outputs per pass.
 #
 # The multiply-accumulate ceiling of each core is measured the same way: a
@@ -79,7 +79,7 @@ EOF
 # Only sources that include the marks at all are worth compiling.
 while IFS=$'\t' read -r deps asm depfile; do
   bash -c "$deps"
-  grep -q 'rsmpl/mca\.hpp' "$depfile" || continue
+  grep -q 'rsmpl/engine/mca\.hpp' "$depfile" || continue
   bash -c "${deps%% && *} && $asm"
 done <"$work/commands"
 
@@ -175,7 +175,7 @@ with $("$mca" --version | sed -n 's/^ *\(.*LLVM version.*\)/\1/p' | head -n1) an
 CMake build type $build_type.
 
 **These are estimates, not measurements.** There is no ARM hardware here:
-llvm-mca simulates each kernel's marked hot loop (\`rsmpl/mca.hpp\`) on
+llvm-mca simulates each kernel's marked hot loop (\`rsmpl/engine/mca.hpp\`) on
 LLVM's scheduling model of the core, iterated $iterations times, and the
 cycles per iteration are divided by the loop's outputs per pass. The model has
 no caches (every load hits L1), no branch mispredictions, no loop overhead

@@ -22,9 +22,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "rsmpl/engine.hpp"
-#include "rsmpl/fir_channels.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/engine/engine.hpp"
+#include "rsmpl/fir/fir_channels.hpp"
+#include <rsmpl/rsmpl.h>
 
 #define RSMPL_MAX_CHANNELS 4
 #define RSMPL_SAMPLE_BUF_SAMPLES 1440
@@ -526,7 +526,7 @@ static void rsmplrate_Down(void *obj, int16_t *dst, unsigned int dst_frames,
  * Output above input rate. Writes exactly dst_frames frames and reads at most
  * src_frames; a shortage of input holds the last sample. Each call restarts
  * the fractional position: its first frame is the previous call's last input.
- * The inner loops are the kernel engine's (rsmpl/linear_kernels.hpp); the
+ * The inner loops are the kernel engine's (rsmpl/linear/linear_kernels.hpp); the
  * last-sample memory is the first `channels` entries of sample_buf.
  */
 static void src_linear_expand_s16(void *obj, int16_t *dst, unsigned int dst_frames,

@@ -38,9 +38,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "rsmpl/engine.hpp"
-#include "rsmpl/fir_channels.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/engine/engine.hpp"
+#include "rsmpl/fir/fir_channels.hpp"
+#include <rsmpl/rsmpl.h>
 
 #define BEST_MAX_CHANNELS 8
 #define BEST_OPS_VERSION 0x010002

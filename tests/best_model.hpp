@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 namespace rsmpl_test::best {
 

@@ -7,10 +7,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/downsample_kernels.hpp"
-#include "rsmpl/downsample_tables.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/fir/downsample_kernels.hpp"
+#include "rsmpl/fir/downsample_tables.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 #include "support.hpp"
 
 namespace rsmpl_test::down_model {

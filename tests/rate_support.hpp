@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 
 namespace rsmpl_test {
 

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/downsample_kernels.hpp"
-#include "rsmpl/downsample_tables.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/fir/downsample_kernels.hpp"
+#include "rsmpl/fir/downsample_tables.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 #include "down_model.hpp"
 #include "support.hpp"
 

@@ -13,12 +13,12 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/engine.hpp"
-#include "rsmpl/fir_layout.hpp"
-#include "rsmpl/fir_rows.hpp"
-#include "rsmpl/linear_kernels.hpp"
-#include "rsmpl/rsmpl.h"
-#include "rsmpl/sinc_kernel.hpp"
+#include "rsmpl/engine/engine.hpp"
+#include "rsmpl/fir/fir_layout.hpp"
+#include "rsmpl/fir/fir_rows.hpp"
+#include "rsmpl/linear/linear_kernels.hpp"
+#include <rsmpl/rsmpl.h>
+#include "rsmpl/sinc/sinc_kernel.hpp"
 #include "support.hpp"
 
 namespace {

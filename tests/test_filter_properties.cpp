@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "down_model.hpp"
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 #include "tools/quality_analysis.hpp"
 #include "up_model.hpp"
 

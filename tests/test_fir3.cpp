@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "support.hpp"
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/fir_channels.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/fir/fir_channels.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 #include "support.hpp"
 
 namespace {

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include <rsmpl/rsmpl_util.h>
 #include "tools/db_table_gen.hpp"
 #include "util/db_table.hpp"
-#include "util/rsmpl_util.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <numeric>
 #include <vector>
 
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

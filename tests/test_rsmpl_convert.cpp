@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "rate_support.hpp"
-#include "rsmpl/engine.hpp"
+#include "rsmpl/engine/engine.hpp"
 #include "support.hpp"
 
 namespace fs = std::filesystem;

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 #include "support.hpp"
 
 namespace {

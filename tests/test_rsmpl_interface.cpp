@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 #include "down_model.hpp"
 #include "support.hpp"
 #include "up_model.hpp"

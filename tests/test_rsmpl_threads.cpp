@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 #include "support.hpp"
 
 namespace {

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <vector>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
-#include "rsmpl/sinc_kernel.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
+#include "rsmpl/sinc/sinc_kernel.hpp"
 #include "support.hpp"
 
 namespace {

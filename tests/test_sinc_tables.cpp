@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/sinc_kernel.hpp"
+#include "rsmpl/sinc/sinc_kernel.hpp"
 #include "tools/sinc_table_gen.hpp"
 
 namespace {
@@ -21,7 +21,7 @@ using rsmpl::sincWing;
 using rsmpl::sincWingDelta;
 
 TEST(SincTables, CheckedInSourceMatchesGenerator) {
-    std::ifstream f(RSMPL_SOURCE_DIR "/rsmpl/sinc_tables.inc");
+    std::ifstream f(RSMPL_SOURCE_DIR "/rsmpl/sinc/sinc_tables.inc");
     ASSERT_TRUE(f.good());
     std::stringstream ss;
     ss << f.rdbuf();

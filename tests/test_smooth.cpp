@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "alsa_pcm.hpp"
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 #include "soak_support.hpp"
 
 namespace {

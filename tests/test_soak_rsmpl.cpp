@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 #include "soak_support.hpp"
 
 namespace {

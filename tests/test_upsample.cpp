@@ -7,10 +7,10 @@
 #include <iterator>
 #include <string>
 
-#include "rsmpl/context.hpp"
-#include "rsmpl/rsmpl.h"
-#include "rsmpl/upsample.hpp"
-#include "rsmpl/upsample_tables.hpp"
+#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/fir/upsample_tables.hpp"
+#include "rsmpl/interface/context.hpp"
+#include <rsmpl/rsmpl.h>
 #include "support.hpp"
 #include "up_model.hpp"
 
@@ -143,9 +143,9 @@ TEST_P(UpStage, HistoryHoldsTheNewestInputs) {
 // Every engine and the exported kernels, on staged input of any count: the
 // model's outputs, nothing written for a count below one group, none past them.
 TEST_P(UpStage, KernelsMatchTheModelForEveryCount) {
-    std::vector<Engine> all(rsmpl::up::engines().begin(), rsmpl::up::engines().end());
+    std::vector<Kernels> all(rsmpl::up::engines().begin(), rsmpl::up::engines().end());
     all.push_back({"exported", UpsampleFIR2To3, UpsampleFIR1To2, UpsampleFIR1To3, UpsampleFIR1To4, UpsampleFIR1To6});
-    for (const Engine &e : all)
+    for (const Kernels &e : all)
         for (int32_t count = -2; count <= 300; count += count < 40 ? 1 : 131) {
             SCOPED_TRACE(std::string(e.name) + ", count " + std::to_string(count));
             const Samples x = hostile_samples(st.history + std::max(count, 0), 100 + count);
@@ -159,7 +159,7 @@ TEST_P(UpStage, KernelsMatchTheModelForEveryCount) {
 // Windows whose signs follow a row drive the exact sum past the 32-bit range
 // on the heaviest phases: the output saturates, it never wraps.
 TEST_P(UpStage, WorstCaseWindowsSaturate) {
-    for (const Engine &e : rsmpl::up::engines())
+    for (const Kernels &e : rsmpl::up::engines())
         for (int p = 0; p < st.phases; ++p)
             for (int sign : {1, -1}) {
                 Samples x(st.history + st.group(), 0);

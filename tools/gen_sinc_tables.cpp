@@ -1,4 +1,4 @@
-// Prints rsmpl/sinc_tables.inc: gen_sinc_tables > rsmpl/sinc_tables.inc
+// Prints rsmpl/sinc/sinc_tables.inc: gen_sinc_tables > rsmpl/sinc/sinc_tables.inc
 #include <cstdio>
 
 #include "tools/sinc_table_gen.hpp"

@@ -35,7 +35,7 @@
 #include <vector>
 
 #include "harness/alsa_harness.hpp"
-#include "rsmpl/engine.hpp"
+#include "rsmpl/engine/engine.hpp"
 
 #ifndef RSMPL_VERSION
 #define RSMPL_VERSION "unknown"

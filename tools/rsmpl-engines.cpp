@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "rsmpl/engine.hpp"
+#include "rsmpl/engine/engine.hpp"
 
 int main(int argc, char **argv) {
     if (argc > 1 && std::strcmp(argv[1], "--active") == 0) {

@@ -40,7 +40,7 @@
 #include <vector>
 
 #include "harness/alsa_harness.hpp"
-#include "rsmpl/rsmpl.h"
+#include <rsmpl/rsmpl.h>
 #include "tools/quality_analysis.hpp"
 
 namespace {

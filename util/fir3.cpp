@@ -8,8 +8,8 @@
 // to +-2^32 first changes nothing in that rule and keeps any shift in range.
 #include <cstdint>
 
+#include <rsmpl/rsmpl_util.h>
 #include "util/fixed.hpp"
-#include "util/rsmpl_util.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <initializer_list>
 
+#include <rsmpl/rsmpl_util.h>
 #include "util/db_table.hpp"
 #include "util/fixed.hpp"
-#include "util/rsmpl_util.h"
 
 namespace rsmpl {
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdint>
 
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 extern "C" {
 

@@ -10,7 +10,7 @@
 // as it does for whole groups.
 #include <cstdint>
 
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

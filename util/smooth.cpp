@@ -8,8 +8,8 @@
 // a full-scale target, or for negative coefficients.
 #include <cstdint>
 
+#include <rsmpl/rsmpl_util.h>
 #include "util/fixed.hpp"
-#include "util/rsmpl_util.h"
 
 namespace {
 

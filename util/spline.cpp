@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "util/rsmpl_util.h"
+#include <rsmpl/rsmpl_util.h>
 
 namespace {
 

@@ -1,0 +1,119 @@
+// The part of every vector FIR kernel that does not depend on the
+// instruction set: which groups the vector body takes, in chunks, and how
+// the last groups are finished from a zero-padded copy. Included by each
+// vector source; everything here has internal linkage, so the copies
+// compiled for different instruction sets never meet at link time.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+#include <utility>
+
+#include "rsmpl/fir/fir_layout.hpp"
+
+// One copy of a function, not a specialised clone per call site (GCC's
+// noclone; clang does not clone there).
+#if defined(__clang__)
+#define RSMPL_FIR_NOINLINE [[gnu::noinline]]
+#else
+#define RSMPL_FIR_NOINLINE [[gnu::noinline, gnu::noclone]]
+#endif
+
+namespace rsmpl::fir {
+namespace {
+
+constexpr int64_t min64(int64_t a, int64_t b) { return a < b ? a : b; }
+
+// Blocks per chunk: the most a vector chunk() is ever asked for at once.
+constexpr int kChunkBlocks = 4;
+
+// Isa::kGroups groups make a block; Isa::chunk<L>(x, blocks, out) computes
+// `blocks` blocks of groups whose samples start at x (group 0 at x[b0]) and
+// writes their P outputs per group from out[0] on. It reads every sample of
+// the chunk before it writes any output of it; blocks go in ascending order.
+//
+// In place (out inside x's buffer, each output below the samples later groups
+// still need, as the stage wrappers arrange): the body reads a block before
+// writing it, and the tail copies its samples before writing, so the vector
+// kernel keeps the scalar kernel's read-before-write order group by group.
+template <class Isa, const auto &L>
+void run(const int16_t *x, int16_t *out, int32_t count) {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    constexpr int G = Isa::kGroups;
+    constexpr int P = Layout::P;
+    constexpr int64_t kStep = 2 * L.R;                 // samples per group
+    constexpr int64_t kReach = L.b0 + 2 * Layout::Mp;  // samples one group reads
+    if (count < L.unit_in) return;
+    const int64_t units = count / L.unit_in;
+    const int64_t span = L.unit_in * units + L.history;  // x[0 .. span-1] may be read
+    const int64_t complete = units / L.units_per_group;
+    const int64_t fitting = span >= kReach ? (span - kReach) / kStep + 1 : 0;
+    const int64_t body = min64(complete, fitting) / G * G;
+
+    int64_t t = 0;
+    while (t < body) {
+        const int blocks = static_cast<int>(min64(kChunkBlocks, (body - t) / G));
+        Isa::template chunk<L>(x + kStep * t, blocks, out + P * t);
+        t += int64_t{blocks} * G;
+    }
+    // The last groups: partial, or reaching past the samples the kernel may
+    // read. Their samples go into a zeroed frame; zero samples and the rows'
+    // zero padding contribute nothing.
+    constexpr int64_t kFrame = kStep * (G - 1) + kReach;
+    while (t * L.units_per_group < units) {
+        alignas(64) int16_t frame[kFrame + 32] = {};
+        alignas(64) int16_t result[P * G];
+        const int64_t have = min64(span - kStep * t, kFrame);
+        std::memcpy(frame, x + kStep * t, static_cast<size_t>(have) * sizeof(int16_t));
+        Isa::template chunk<L>(frame, 1, result);
+        const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
+        std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
+        t += G;
+    }
+}
+
+// Groups per chunk of a row kernel: bounds its stream copies on the stack.
+constexpr int kRowChunkGroups = 64;
+
+// The driver of a row kernel (fir_rows.hpp): K is K::chunk<Mark>(x,
+// blocks, out), eight groups a block, reading x[0 .. K::reach(blocks) - 1]
+// before it writes any output of the chunk. Chunks go in ascending order, so
+// in place (outputs below the samples later groups still need, as the stage
+// wrappers arrange) the kernel keeps the scalar kernel's read-before-write
+// order; the last groups are finished from a zero-padded copy, taken before
+// their outputs are written.
+template <class K, class Mark>
+void run_rows(const int16_t *x, int16_t *out, int32_t count) {
+    constexpr int D = K::D, P = K::P;
+    if (count < D) return;
+    const int64_t groups = count / D;
+    const int64_t span = D * groups + K::history;  // x[0 .. span-1] may be read
+    int64_t t = 0;
+    for (;;) {
+        int blocks = static_cast<int>(min64(kRowChunkGroups, groups - t) / 8);
+        while (blocks > 0 && D * t + K::reach(blocks) > span) --blocks;
+        if (blocks == 0) break;
+        K::template chunk<Mark>(x + D * t, blocks, out + P * t);
+        t += 8 * blocks;
+    }
+    while (t < groups) {
+        alignas(16) int16_t frame[K::reach(1)] = {};
+        alignas(16) int16_t result[8 * P];
+        std::memcpy(frame, x + D * t, static_cast<size_t>(min64(span - D * t, K::reach(1))) * sizeof(int16_t));
+        K::template chunk<Mark>(frame, 1, result);
+        std::memcpy(out + P * t, result, static_cast<size_t>(min64(groups - t, 8) * P) * sizeof(int16_t));
+        t += 8;
+    }
+}
+
+// Calls f(std::integral_constant<int, I>) for I = 0 .. N-1, unrolled at
+// compile time so that every table value is a constant in the code.
+template <int N, class F>
+[[gnu::always_inline]] inline void unroll(F &&f) {
+    [&]<int... I>(std::integer_sequence<int, I...>) __attribute__((always_inline)) { (f(std::integral_constant<int, I>{}), ...); }(
+        std::make_integer_sequence<int, N>{});
+}
+
+}  // namespace
+}  // namespace rsmpl::fir

@@ -1,0 +1,458 @@
+// The x86-64 FIR kernels, written once for 128-bit (SSE4.1) and 256-bit
+// (AVX2) vectors: fir_sse41.cpp and fir_avx2.cpp include this file, each
+// compiled for its instruction set. Internal linkage only.
+//
+// Lanes are groups (fir_layout.hpp): a 32-bit lane holds one group's
+// partial sum, so there is no horizontal addition. For pair m, the sample
+// pairs of W consecutive groups are one unaligned load (R = 1) or one load
+// from a de-interleaved copy (R = 2, 3: every R-th pair), multiplied by the
+// pair's coefficients broadcast to every lane (pmaddwd).
+//
+// Arithmetic of every output, per group lane:
+//   accumulate  pmaddwd adds two 16x16 products exactly (at most
+//               2 * 32767 * 32768 < 2^31) into the 32-bit partial sum of the
+//               pair's bin; each bin's taps have absolute values adding up to
+//               less than 65536 (checked at compile time and by the tests), so
+//               no partial sum can wrap
+//   combine     one bin (a row whose absolute coefficients add up to less
+//               than 65536): S itself, and S + 2^(s-1) still fits (s = 15).
+//               Several: S = their sum, exactly: each bin splits into its part
+//               above bit s (arithmetic shift) and its low s bits; the low
+//               parts plus 2^(s-1) are shifted once more and added, which is
+//               floor((S + 2^(s-1)) / 2^s) without ever forming S in 32 bits
+//   round       that floor is the rounding of R_s: halves go towards +inf
+//   saturate    packssdw clamps to -32768..32767
+#pragma once
+
+#include <immintrin.h>
+
+#include "rsmpl/engine/mca.hpp"
+#include "rsmpl/fir/downsample_kernels.hpp"
+#include "rsmpl/fir/fir_driver.hpp"
+#include "rsmpl/fir/upsample.hpp"
+
+namespace rsmpl::fir {
+namespace {
+
+#if defined(__AVX2__)
+using Vec = __m256i;
+constexpr int kLanes = 8;
+[[gnu::always_inline]] inline Vec load(const void *p) { return _mm256_loadu_si256(static_cast<const Vec *>(p)); }
+[[gnu::always_inline]] inline void store(void *p, Vec v) { _mm256_storeu_si256(static_cast<Vec *>(p), v); }
+[[gnu::always_inline]] inline Vec zero() { return _mm256_setzero_si256(); }
+[[gnu::always_inline]] inline Vec set1(int32_t v) { return _mm256_set1_epi32(v); }
+[[gnu::always_inline]] inline Vec madd(Vec a, Vec b) { return _mm256_madd_epi16(a, b); }
+[[gnu::always_inline]] inline Vec add(Vec a, Vec b) { return _mm256_add_epi32(a, b); }
+[[gnu::always_inline]] inline Vec and_(Vec a, Vec b) { return _mm256_and_si256(a, b); }
+[[gnu::always_inline]] inline Vec or_(Vec a, Vec b) { return _mm256_or_si256(a, b); }
+template <int S>
+[[gnu::always_inline]] inline Vec srai(Vec a) { return _mm256_srai_epi32(a, S); }
+// Two vectors of W groups each to 16-bit words, eight consecutive groups per
+// 128-bit lane.
+[[gnu::always_inline]] inline Vec pack(Vec a, Vec b) { return _mm256_permute4x64_epi64(_mm256_packs_epi32(a, b), 0xD8); }
+[[gnu::always_inline]] inline Vec unpacklo16(Vec a, Vec b) { return _mm256_unpacklo_epi16(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi16(Vec a, Vec b) { return _mm256_unpackhi_epi16(a, b); }
+[[gnu::always_inline]] inline Vec unpacklo32(Vec a, Vec b) { return _mm256_unpacklo_epi32(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi32(Vec a, Vec b) { return _mm256_unpackhi_epi32(a, b); }
+[[gnu::always_inline]] inline Vec unpacklo64(Vec a, Vec b) { return _mm256_unpacklo_epi64(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi64(Vec a, Vec b) { return _mm256_unpackhi_epi64(a, b); }
+[[gnu::always_inline]] inline Vec shuffle8(Vec a, Vec m) { return _mm256_shuffle_epi8(a, m); }
+[[gnu::always_inline]] inline Vec bytes16(const int8_t (&m)[16]) {
+    return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(m)));
+}
+// Chunk k of each 128-bit lane: lane 0 holds outputs of the first eight
+// groups, lane 1 of the next eight.
+template <int P>
+[[gnu::always_inline]] inline void store_lanes(int16_t *out, const Vec (&z)[P]) {
+    for (int k = 0; k < P; ++k) {
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 8 * k), _mm256_castsi256_si128(z[k]));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 8 * P + 8 * k), _mm256_extracti128_si256(z[k], 1));
+    }
+}
+// Every R-th sample pair from D[R*i ...], W groups: stream r gets D[R*i + r].
+template <int R>
+[[gnu::always_inline]] inline void deinterleave(const void *d, int32_t *const *s, int i) {
+    const auto *p = static_cast<const int32_t *>(d) + R * i;
+    if constexpr (R == 2) {
+        const __m256 a = _mm256_castsi256_ps(load(p)), b = _mm256_castsi256_ps(load(p + 8));
+        store(s[0] + i, _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0x88)), 0xD8));
+        store(s[1] + i, _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0xDD)), 0xD8));
+    } else {
+        static_assert(R == 3);
+        const Vec a = load(p), b = load(p + 8), c = load(p + 16);
+        const Vec s0 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x92), c, 0x24);  // a0 b1 c2 a3 b4 c5 a6 b7
+        const Vec s1 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x24), c, 0x49);  // c0 a1 b2 c3 a4 b5 c6 a7
+        const Vec s2 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x49), c, 0x92);  // b0 c1 a2 b3 c4 a5 b6 c7
+        store(s[0] + i, _mm256_permutevar8x32_epi32(s0, _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5)));
+        store(s[1] + i, _mm256_permutevar8x32_epi32(s1, _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6)));
+        store(s[2] + i, _mm256_permutevar8x32_epi32(s2, _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7)));
+    }
+}
+#else
+using Vec = __m128i;
+constexpr int kLanes = 4;
+[[gnu::always_inline]] inline Vec load(const void *p) { return _mm_loadu_si128(static_cast<const Vec *>(p)); }
+[[gnu::always_inline]] inline void store(void *p, Vec v) { _mm_storeu_si128(static_cast<Vec *>(p), v); }
+[[gnu::always_inline]] inline Vec zero() { return _mm_setzero_si128(); }
+[[gnu::always_inline]] inline Vec set1(int32_t v) { return _mm_set1_epi32(v); }
+[[gnu::always_inline]] inline Vec madd(Vec a, Vec b) { return _mm_madd_epi16(a, b); }
+[[gnu::always_inline]] inline Vec add(Vec a, Vec b) { return _mm_add_epi32(a, b); }
+[[gnu::always_inline]] inline Vec and_(Vec a, Vec b) { return _mm_and_si128(a, b); }
+[[gnu::always_inline]] inline Vec or_(Vec a, Vec b) { return _mm_or_si128(a, b); }
+template <int S>
+[[gnu::always_inline]] inline Vec srai(Vec a) { return _mm_srai_epi32(a, S); }
+[[gnu::always_inline]] inline Vec pack(Vec a, Vec b) { return _mm_packs_epi32(a, b); }
+[[gnu::always_inline]] inline Vec unpacklo16(Vec a, Vec b) { return _mm_unpacklo_epi16(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi16(Vec a, Vec b) { return _mm_unpackhi_epi16(a, b); }
+[[gnu::always_inline]] inline Vec unpacklo32(Vec a, Vec b) { return _mm_unpacklo_epi32(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi32(Vec a, Vec b) { return _mm_unpackhi_epi32(a, b); }
+[[gnu::always_inline]] inline Vec unpacklo64(Vec a, Vec b) { return _mm_unpacklo_epi64(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi64(Vec a, Vec b) { return _mm_unpackhi_epi64(a, b); }
+[[gnu::always_inline]] inline Vec shuffle8(Vec a, Vec m) { return _mm_shuffle_epi8(a, m); }
+[[gnu::always_inline]] inline Vec bytes16(const int8_t (&m)[16]) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(m));
+}
+template <int P>
+[[gnu::always_inline]] inline void store_lanes(int16_t *out, const Vec (&z)[P]) {
+    for (int k = 0; k < P; ++k) store(out + 8 * k, z[k]);
+}
+template <int R>
+[[gnu::always_inline]] inline void deinterleave(const void *d, int32_t *const *s, int i) {
+    const auto *p = static_cast<const int32_t *>(d) + R * i;
+    if constexpr (R == 2) {
+        const __m128 a = _mm_castsi128_ps(load(p)), b = _mm_castsi128_ps(load(p + 4));
+        store(s[0] + i, _mm_castps_si128(_mm_shuffle_ps(a, b, 0x88)));
+        store(s[1] + i, _mm_castps_si128(_mm_shuffle_ps(a, b, 0xDD)));
+    } else {
+        static_assert(R == 3);
+        const Vec a = load(p), b = load(p + 4), c = load(p + 8);
+        const Vec s0 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x30), c, 0x0C);  // a0 c1 b2 a3
+        const Vec s1 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0xC3), c, 0x30);  // b0 a1 c2 b3
+        const Vec s2 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x0C), c, 0xC3);  // c0 b1 a2 c3
+        store(s[0] + i, _mm_shuffle_epi32(s0, 0x6C));  // 0 3 2 1
+        store(s[1] + i, _mm_shuffle_epi32(s1, 0xB1));  // 1 0 3 2
+        store(s[2] + i, _mm_shuffle_epi32(s2, 0xC6));  // 2 1 0 3
+    }
+}
+#endif
+
+// ---- Interleaving P phases of eight groups (per 128-bit lane) ---------------
+
+// pshufb masks for a 3-way interleave of elements of E bytes: output vector k
+// takes from source s the bytes of concatenated position 16k + q.
+template <int E>
+struct Ilv3Masks {
+    int8_t m[3][3][16];
+    constexpr Ilv3Masks() : m{} {
+        for (int k = 0; k < 3; ++k)
+            for (int s = 0; s < 3; ++s)
+                for (int q = 0; q < 16; ++q) {
+                    const int n = 16 * k + q, e = n / E;
+                    m[k][s][q] = static_cast<int8_t>(e % 3 == s ? (e / 3) * E + n % E : -128);
+                }
+    }
+};
+template <int E>
+inline constexpr Ilv3Masks<E> kIlv3{};
+
+template <int E>
+[[gnu::always_inline]] inline void ilv3(Vec a, Vec b, Vec c, Vec *z) {
+    for (int k = 0; k < 3; ++k)
+        z[k] = or_(or_(shuffle8(a, bytes16(kIlv3<E>.m[k][0])), shuffle8(b, bytes16(kIlv3<E>.m[k][1]))),
+                   shuffle8(c, bytes16(kIlv3<E>.m[k][2])));
+}
+// Two phases to 32-bit elements: z[0] groups 0-3, z[1] groups 4-7.
+[[gnu::always_inline]] inline void ilv2(Vec a, Vec b, Vec *z) {
+    z[0] = unpacklo16(a, b);
+    z[1] = unpackhi16(a, b);
+}
+// Four phases to 64-bit elements, two groups per vector.
+[[gnu::always_inline]] inline void ilv4(const Vec *y, Vec *z) {
+    Vec a[2], b[2];
+    ilv2(y[0], y[1], a);
+    ilv2(y[2], y[3], b);
+    z[0] = unpacklo32(a[0], b[0]);
+    z[1] = unpackhi32(a[0], b[0]);
+    z[2] = unpacklo32(a[1], b[1]);
+    z[3] = unpackhi32(a[1], b[1]);
+}
+
+// y[p]: the outputs of phase p for eight consecutive groups per lane; z: the
+// same outputs in output order, P vectors per lane.
+template <int P>
+[[gnu::always_inline]] inline void interleave(const Vec (&y)[P], Vec (&z)[P]) {
+    if constexpr (P == 1) {
+        z[0] = y[0];
+    } else if constexpr (P == 2) {
+        ilv2(y[0], y[1], z);
+    } else if constexpr (P == 3) {
+        ilv3<2>(y[0], y[1], y[2], z);
+    } else if constexpr (P == 4) {
+        ilv4(y, z);
+    } else if constexpr (P == 6) {
+        Vec a[2], b[2], c[2];
+        ilv2(y[0], y[1], a);
+        ilv2(y[2], y[3], b);
+        ilv2(y[4], y[5], c);
+        ilv3<4>(a[0], b[0], c[0], z);
+        ilv3<4>(a[1], b[1], c[1], z + 3);
+    } else if constexpr (P == 8) {
+        Vec a[4], b[4];
+        ilv4(y, a);
+        ilv4(y + 4, b);
+        for (int k = 0; k < 4; ++k) {
+            z[2 * k] = unpacklo64(a[k], b[k]);
+            z[2 * k + 1] = unpackhi64(a[k], b[k]);
+        }
+    } else {
+        static_assert(P == 12);
+        Vec a[4], b[4], c[4];
+        ilv4(y, a);
+        ilv4(y + 4, b);
+        ilv4(y + 8, c);
+        for (int k = 0; k < 4; ++k) ilv3<8>(a[k], b[k], c[k], z + 3 * k);
+    }
+}
+
+// ---- One block: 2W groups ----------------------------------------------------
+
+// R_s of the exact sum of the bins, per lane (see the top of the file).
+template <const auto &L, int A, int N>
+[[gnu::always_inline]] inline Vec combine(const Vec (&acc)[N]) {
+    constexpr int s = L.shift;
+    if constexpr (A == 1) {
+        // One bin below 65536 * 32768 - 2^(s-1): adding the half cannot wrap.
+        return srai<s>(add(acc[0], set1(1 << (s - 1))));
+    } else {
+        const Vec low_mask = set1((1 << s) - 1);
+        Vec high = srai<s>(acc[0]);
+        Vec low = and_(acc[0], low_mask);
+        for (int b = 1; b < A; ++b) {
+            high = add(high, srai<s>(acc[b]));
+            low = add(low, and_(acc[b], low_mask));
+        }
+        return add(high, srai<s>(add(low, set1(1 << (s - 1)))));
+    }
+}
+
+// The pair words of a layout, [p][m], for loads at run time.
+template <const auto &L>
+struct Words {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    int32_t w[Layout::P][Layout::Mp];
+    constexpr Words() : w{} {
+        for (int p = 0; p < Layout::P; ++p)
+            for (int m = 0; m < Layout::Mp; ++m) w[p][m] = L.pair(p, m);
+    }
+};
+template <const auto &L>
+inline constexpr Words<L> kWords{};
+
+// Cost-estimate marks (rsmpl/engine/mca.hpp) around one block of each kernel.
+template <class Layout>
+constexpr int real_taps(const Layout &l) {
+    int n = 0;
+    for (int p = 0; p < Layout::P; ++p)
+        for (int i = 0; i < 2 * Layout::Mp; ++i) n += l.c[p][i] != 0;
+    return n / Layout::P;
+}
+#define RSMPL_X86_MARK(layout, name)                                                                   \
+    if constexpr (L.id == layout.id) {                                                                 \
+        [[maybe_unused]] constexpr int kOuts = 2 * kLanes * std::remove_cvref_t<decltype(L)>::P;      \
+        [[maybe_unused]] constexpr int kMacs = real_taps(L);                                           \
+        if constexpr (kBegin)                                                                          \
+            RSMPL_MCA_BEGIN(name, kOuts, kMacs);                                                       \
+        else                                                                                           \
+            RSMPL_MCA_END(name, kOuts, kMacs);                                                         \
+    }
+template <const auto &L, bool kBegin>
+[[gnu::always_inline]] inline void mark() {
+    RSMPL_X86_MARK(kUp2To3, "up2to3")
+    RSMPL_X86_MARK(kUp1To2, "up1to2")
+    RSMPL_X86_MARK(kUp1To3, "up1to3")
+    RSMPL_X86_MARK(kUp1To4, "up1to4")
+    RSMPL_X86_MARK(kUp1To6, "up1to6")
+    RSMPL_X86_MARK(kDown2To1, "down2to1")
+    RSMPL_X86_MARK(kDown3To1, "down3to1")
+    RSMPL_X86_MARK(kDown4To1, "down4to1")
+    RSMPL_X86_MARK(kDown6To1, "down6to1")
+    RSMPL_X86_MARK(kDown3To2, "down3to2")
+}
+#undef RSMPL_X86_MARK
+
+// Pre-broadcast pair words, one vector per (row, pair): one plain load each.
+template <const auto &L>
+struct Broadcast {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    alignas(32) int32_t v[Layout::P][Layout::Mp][kLanes];
+    constexpr Broadcast() : v{} {
+        for (int p = 0; p < Layout::P; ++p)
+            for (int m = 0; m < Layout::Mp; ++m)
+                for (int k = 0; k < kLanes; ++k) v[p][m][k] = L.pair(p, m);
+    }
+};
+template <const auto &L>
+alignas(32) inline constexpr Broadcast<L> kBroadcast{};
+
+// The pair's coefficients in a register, loaded once for both halves of a
+// block: a multiply with its coefficients from memory costs a load each time,
+// and the load ports, not the multipliers, then set the pace.
+[[gnu::always_inline]] inline Vec coef(const int32_t *c) {
+#if defined(__AVX2__)
+    Vec v;
+    asm volatile("vmovdqa %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const Vec *>(c)));
+    return v;
+#else
+    return load(c);
+#endif
+}
+
+// acc (+)= madd(x, c). With AVX2 written as volatile asm: the compiler
+// otherwise hoists every multiply of a pass and spills the products, and the
+// front end, not the multipliers, sets the pace.
+template <bool kFirst>
+[[gnu::always_inline]] inline void madd_reg(Vec &acc, Vec x, Vec c) {
+#if defined(__AVX2__)
+    if constexpr (kFirst) {
+        asm volatile("vpmaddwd %1, %2, %0" : "=x"(acc) : "x"(c), "x"(x));
+    } else {
+        Vec t;
+        asm volatile("vpmaddwd %2, %3, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "x"(c), "x"(x));
+    }
+#else
+    const Vec p = madd(x, c);
+    acc = kFirst ? p : add(acc, p);
+#endif
+}
+
+// Does any row p0 .. p1-1 use pair m; is pair m the first of its bin in row p?
+template <class Layout>
+constexpr bool pair_used(const Layout &l, int p0, int p1, int m) {
+    for (int p = p0; p < p1 && p < Layout::P; ++p)
+        if (!l.zero_pair(p, m)) return true;
+    return false;
+}
+template <class Layout>
+constexpr bool first_of_bin(const Layout &l, int p, int m) {
+    for (int k = 0; k < m; ++k)
+        if (!l.zero_pair(p, k) && l.bin[p][k] == l.bin[p][m]) return false;
+    return true;
+}
+
+// 2W groups from group i of the chunk on, every pair at compile time: its
+// bin, its stream (R > 1) and whether it is the first of its bin; zero pairs
+// are skipped.
+template <const auto &L>
+[[gnu::always_inline]] inline void block(const int16_t *x, const int32_t *const *s, int i, int16_t *out) {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    constexpr int P = Layout::P;
+    constexpr int Mp = Layout::Mp;
+    constexpr int A = L.bins;
+    constexpr int R = L.R;
+    // Phases per pass: their partial sums (two vectors per bin) and the
+    // samples stay in the 16 registers.
+    constexpr int PC = [] {
+        for (int pc = P; pc > 1; --pc) {
+            bool fits = true;
+            for (int p0 = 0; p0 < P; p0 += pc) {
+                int regs = 0;
+                for (int p = p0; p < p0 + pc && p < P; ++p) regs += 2 * L.row_bins[p];
+                fits = fits && regs <= 12;
+            }
+            if (fits) return pc;
+        }
+        return 1;
+    }();
+    constexpr int kPasses = (P + PC - 1) / PC;
+    mark<L, true>();
+    Vec y[P];
+    unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
+        constexpr int pass = decltype(pass_c)::value;
+        Vec acc[PC][2][A];
+        unroll<Mp>([&](auto mc) __attribute__((always_inline)) {
+            constexpr int m = decltype(mc)::value;
+            if constexpr (pair_used(L, pass * PC, pass * PC + PC, m)) {
+                Vec x0, x1;
+                if constexpr (R == 1) {
+                    x0 = load(x + L.b0 + 2 * (i + m));
+                    x1 = load(x + L.b0 + 2 * (i + kLanes + m));
+                } else {
+                    const int32_t *stream = s[m % R] + m / R;
+                    x0 = load(stream + i);
+                    x1 = load(stream + i + kLanes);
+                }
+                // One load per pair, not one per phase.
+                asm("" : "+x"(x0), "+x"(x1));
+                unroll<PC>([&](auto qc) __attribute__((always_inline)) {
+                    constexpr int q = decltype(qc)::value;
+                    constexpr int p = pass * PC + q;
+                    if constexpr (p < P && !L.zero_pair(p, m)) {
+                        constexpr int b = L.bin[p][m];
+                        constexpr bool first = first_of_bin(L, p, m);
+                        const Vec c = coef(kBroadcast<L>.v[p][m]);
+                        madd_reg<first>(acc[q][0][b], x0, c);
+                        madd_reg<first>(acc[q][1][b], x1, c);
+                    }
+                });
+            }
+        });
+        unroll<PC>([&](auto qc) __attribute__((always_inline)) {
+            constexpr int q = decltype(qc)::value;
+            constexpr int p = pass * PC + q;
+            if constexpr (p < P) {
+                constexpr int Ap = L.row_bins[p];
+                y[p] = pack(combine<L, Ap>(acc[q][0]), combine<L, Ap>(acc[q][1]));
+            }
+        });
+    });
+    Vec z[P];
+    interleave<P>(y, z);
+    store_lanes<P>(out, z);
+    mark<L, false>();
+}
+
+struct X86 {
+    static constexpr int kGroups = 2 * kLanes;
+
+    // Not inlined: the body and the zero-padded tail share one copy.
+    template <const auto &L>
+    RSMPL_FIR_NOINLINE static void chunk(const int16_t *x, int blocks, int16_t *out) {
+        using Layout = std::remove_cvref_t<decltype(L)>;
+        constexpr int P = Layout::P;
+        if constexpr (L.R == 1) {
+            for (int b = 0; b < blocks; ++b) block<L>(x, nullptr, b * kGroups, out + P * kGroups * b);
+        } else {
+            static_assert(L.b0 == 0);
+            constexpr int R = L.R;
+            constexpr int kMaxGroups = kChunkBlocks * kGroups;
+            constexpr int kExtra = (Layout::Mp - 1) / R + 1;
+            alignas(32) int32_t streams[R][kMaxGroups + kExtra];
+            int32_t *s[R];
+            for (int r = 0; r < R; ++r) s[r] = streams[r];
+            const int groups = blocks * kGroups;
+            for (int i = 0; i < groups; i += kLanes) deinterleave<R>(x, s, i);
+            // Past the chunk's own pairs, only those its last groups reach.
+            const int64_t last = int64_t{R} * (groups - 1) + Layout::Mp - 1;
+            for (int i = groups; i < groups + kExtra; ++i)
+                for (int r = 0; r < R; ++r) {
+                    const int64_t d = int64_t{R} * i + r;
+                    if (d <= last)
+                        std::memcpy(&s[r][i], x + 2 * d, sizeof(int32_t));
+                    else
+                        s[r][i] = 0;
+                }
+            for (int b = 0; b < blocks; ++b) block<L>(x, s, b * kGroups, out + P * kGroups * b);
+        }
+    }
+};
+
+// An x86 engine's stage kernels, one per stage layout of fir_layout.hpp.
+constexpr up::Kernels up_kernels(const char *name) {
+    return {name, run<X86, kUp2To3>, run<X86, kUp1To2>, run<X86, kUp1To3>, run<X86, kUp1To4>, run<X86, kUp1To6>};
+}
+constexpr down::Kernels down_kernels() {
+    return {run<X86, kDown2To1>, run<X86, kDown3To1>, run<X86, kDown4To1>, run<X86, kDown6To1>, run<X86, kDown3To2>};
+}
+
+}  // namespace
+}  // namespace rsmpl::fir

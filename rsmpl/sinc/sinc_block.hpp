@@ -1,0 +1,231 @@
+// The sinc interpolator's outputs over one block, shared by the vector
+// engines; each instruction set supplies the three sums (see sinc_x86.hpp,
+// sinc_neon.cpp). Equal to sinc_run_scalar bit for bit:
+//
+//   - the samples are shifted once per block into 32-bit lanes in the form
+//     the instruction set multiplies best (Isa::Window), with zero padding
+//     on both sides, so taps on samples the block has not received read
+//     zero instead of being cut off one by one;
+//   - at 128 entries per tap (ratios 1 and above) each wing's coefficients
+//     are one row of sinc_rows() at one fraction: Isa::rows;
+//   - outputs go in chunks: their sums first, then Isa::finish on all;
+//   - below, the coefficients of an output are built into a buffer
+//     (Isa::coefs) and kept while the fraction repeats, as it does at every
+//     whole step (1/2, 1/3, ...); Isa::dot then sums against the samples;
+//   - below with a fraction that moves, engines with Isa::kSlots read each
+//     output's coefficients from the block's slot table (Slots) instead.
+//
+// Per tap, as the scalar form: coefficient wing[j] + ((delta[j] * g') >> 16)
+// and tap (coef * (x >> s)) >> 16, each the floor of an exact product; taps
+// summed modulo 2^32 in any order.
+#pragma once
+
+#include <algorithm>
+#include <type_traits>
+
+#include "rsmpl/engine/mca.hpp"
+#include <rsmpl/rsmpl.h>
+#include "rsmpl/sinc/sinc_kernel.hpp"
+
+namespace rsmpl::sinc {
+namespace {
+
+constexpr int32_t kMaxHalf = 104;  // ratio 1/8
+constexpr int32_t kPad = 32;       // zero samples before the history
+// Right padding: a centre up to h + 16 past the last sample, h taps beyond
+// it and a group of lanes.
+constexpr int32_t kSamples = kPad + RSMPL_HISTORY_SAMPLES + 2 * kMaxHalf + 16 + kPad;
+constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16 + 16;
+constexpr uint32_t kUnityTableStep = 0x800000u;
+
+constexpr uint32_t kChunk = 64;  // outputs per pass of the driver
+
+// The marked loops of an output at ratios 1 and above, for the cost estimate:
+// arm-cost total: sinc_up_total = sinc_up + sinc_up_where + sinc_finish
+
+// Writes f(x[i] >> shift) at kPad + i of a window, zero around it up to
+// `filled` (kPad + valid + 2h + 16 + kPad).
+template <class F>
+void fill_window(const SincRun &r, int32_t filled, int32_t *w, F f) {
+    for (int32_t i = 0; i < kPad; ++i) w[i] = 0;
+    for (int32_t i = 0; i < r.valid; ++i) w[kPad + i] = f(r.x[i] >> r.shift);
+    for (int32_t i = kPad + r.valid; i < filled; ++i) w[i] = 0;
+}
+
+inline uint32_t fraction(uint32_t t) {
+    const uint32_t g = t & 0xFFFFu;
+    return g + (g >> 15);  // 0xFFFF counts as a whole entry
+}
+
+// Where each output of a chunk reads at 128 entries per tap: its centre
+// sample, the row offsets of both wings and their fractions g' (times
+// 2^Isa::kFractionShift). Worked out for the whole chunk first, so the
+// sums never wait on this chain of scalar arithmetic.
+struct UnityOutputs {
+    alignas(64) int32_t at[kChunk];
+    alignas(64) int32_t left[kChunk];
+    alignas(64) int32_t right[kChunk];
+    alignas(64) int32_t gl[kChunk];
+    alignas(64) int32_t gr[kChunk];
+    // For engines that want them: g' as two halves below 2^15 (low word,
+    // high word).
+    alignas(64) int32_t gl2[kChunk];
+    alignas(64) int32_t gr2[kChunk];
+};
+
+// Below 128 entries per tap, tap k of every output lies in the slot
+// [k*T, (k+1)*T) of the table (right wing: [(k-1)*T, k*T)): with
+// t0 = e * 2^16 + q and k*T = K * 2^16 + r, the left tap reads entry
+// K + e + carry(r + q), the right one K - e - borrow(r - q), at fraction
+// (r +- q) mod 2^16. A block's slot table holds, in window order, the
+// entries of every tap for each e (row e: K + e left, K - e right), so the
+// taps of an output are two contiguous rows, e and e + 1, picked per lane
+// by the carry; `frac` holds r, `sign` the sign of q in the lane's fraction
+// (1 on the left wing, -1 on the right, 0 past the taps).
+// 34 KB, on the stack of the engines that use it.
+constexpr int32_t kSlotCells = 4096;
+struct NoSlots {};
+struct Slots {
+    int32_t rows = 0, len = 0;
+    alignas(64) uint32_t frac[kCoefs];
+    alignas(64) int32_t sign[kCoefs];
+    alignas(64) int32_t wing[kSlotCells];
+    alignas(64) int32_t delta[kSlotCells];
+};
+
+// Fills the slot table of a run, kLanes rows by kLanes lanes at a time:
+// each lane's entries are a run of the wing (rising on the left wing,
+// falling on the right), loaded as a register and turned into row order by
+// Isa::transpose. False when the table would not fit.
+template <class Isa>
+bool build_slots(const SincRun &r, Slots &s) {
+    constexpr int L = Isa::kLanes;
+    const int32_t taps = 2 * r.h + 1;
+    s.len = (taps + L - 1) / L * L;
+    s.rows = (static_cast<int32_t>(r.tableStep >> 16) + 2 + L - 1) / L * L;
+    if (s.rows * s.len > kSlotCells || s.rows > SincRows::kPaddedZero - 2 * L) return false;
+    const SincRows &t = sinc_rows();
+    int32_t first[kCoefs];  // padded index of each lane's entry for e = 0
+    for (int32_t w = 0; w < s.len; ++w) {
+        const int32_t k = w <= r.h ? r.h - w : w - r.h;
+        const uint32_t kt = static_cast<uint32_t>(k) * r.tableStep;
+        const bool right = w > r.h && w < taps;
+        s.frac[w] = kt & 0xFFFFu;
+        s.sign[w] = right ? -1 : (w < taps ? 1 : 0);
+        // Past the taps: the zeros before the wing.
+        first[w] = w >= taps ? 0 : SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16);
+    }
+    for (int32_t w0 = 0; w0 < s.len; w0 += L)
+        for (int32_t e0 = 0; e0 < s.rows; e0 += L) {
+            typename Isa::V wv[L], dv[L];
+            for (int c = 0; c < L; ++c) {
+                const int32_t w = w0 + c;
+                if (s.sign[w] < 0) {
+                    const int32_t at = first[w] - e0 - (L - 1);
+                    wv[c] = Isa::reverse(Isa::load(t.wingPadded + at));
+                    dv[c] = Isa::reverse(Isa::load(t.deltaPadded + at));
+                } else {
+                    const int32_t at = w < taps ? first[w] + e0 : 0;
+                    wv[c] = Isa::load(t.wingPadded + at);
+                    dv[c] = Isa::load(t.deltaPadded + at);
+                }
+            }
+            Isa::transpose(wv);
+            Isa::transpose(dv);
+            for (int c = 0; c < L; ++c) {
+                Isa::store(s.wing + (e0 + c) * s.len + w0, wv[c]);
+                Isa::store(s.delta + (e0 + c) * s.len + w0, dv[c]);
+            }
+        }
+    return true;
+}
+
+// The plain form of Isa::where: entries from .. n-1 of a chunk of a run at
+// 128 entries per tap (output base + j at j), centres capped at `far`.
+template <int kFractionShift>
+void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int32_t far, UnityOutputs &o) {
+    for (uint32_t j = from; j < n; ++j) {
+        const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
+        o.at[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far);
+        const uint32_t f = p & 0xFFFFu;
+        const uint32_t t0 = (f + (f >> 15)) << 7;  // (f' * 128 entries) >> 16, exactly
+        const uint32_t u = kUnityTableStep - t0;
+        o.left[j] = static_cast<int32_t>(t0 >> 16) * 16;
+        o.right[j] = static_cast<int32_t>(u >> 16) * 16;
+        o.gl[j] = static_cast<int32_t>(fraction(t0) << kFractionShift);
+        o.gr[j] = static_cast<int32_t>(fraction(u) << kFractionShift);
+    }
+}
+
+// The outputs of a run from a slot table, when one fits; false otherwise.
+// Out of line, table and all, so the other paths keep their registers and
+// their small stack frame.
+template <class Isa>
+[[gnu::noinline]] bool run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
+    Slots table;
+    if (!build_slots<Isa>(r, table)) return false;
+    alignas(64) int32_t first[kChunk];
+    alignas(64) uint32_t t0s[kChunk];
+    alignas(64) uint32_t acc[kChunk];
+    for (uint32_t base = 0; base < r.count; base += kChunk) {
+        const uint32_t n = std::min(kChunk, r.count - base);
+        // Where each output reads first, so the sums run back to back.
+        Isa::slot_where(r, base, n, far, first, t0s);
+        Isa::slot_outputs(w, table, first, t0s, n, acc);
+        Isa::finish(acc, n, r.gain, r.shift, out + base);
+    }
+    return true;
+}
+
+template <class Isa>
+void run(const SincRun &r, int16_t *out) {
+    if (r.h < 0 || r.h > kMaxHalf || r.valid < 0 || r.valid > RSMPL_HISTORY_SAMPLES || r.count > 0xFFFFu ||
+        r.gain > 0x7FFFFFFFu || r.shift < 0 || r.shift > 8 ||
+        // Below 128 entries per tap every tap lies inside the table, as it
+        // does at every ratio from 1/8 to 1.
+        (r.tableStep != kUnityTableStep &&
+         (uint64_t{static_cast<uint32_t>(r.h)} + 1) * r.tableStep >= uint64_t{kSincWingLength} << 16)) {
+        sinc_run_scalar(r, out);
+        return;
+    }
+    typename Isa::Window w;
+    Isa::prepare(r, kPad + r.valid + 2 * r.h + 16 + kPad, w);
+    // A centre more than h past the last sample has only zero taps: it is
+    // moved to where the whole window reads padding, so no output branches.
+    const int32_t far = r.valid - 1 + r.h + 16;
+    const bool unity = r.tableStep == kUnityTableStep;
+    const SincRows *rows = unity ? &sinc_rows() : nullptr;
+    alignas(64) int32_t coef[kCoefs];
+    const int32_t taps = 2 * r.h + 1;
+    uint32_t made = ~0u;  // no t0 reaches it: t0 <= tableStep
+    alignas(64) uint32_t acc[kChunk];
+    // A slot table pays when the fraction changes from output to output (a
+    // whole step keeps one set of coefficients) over enough outputs.
+    if constexpr (Isa::kSlots)
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 && run_slots<Isa>(r, w, far, out))
+            return;
+    for (uint32_t base = 0; base < r.count; base += kChunk) {
+        const uint32_t n = std::min(kChunk, r.count - base);
+        if (unity) {
+            UnityOutputs o;
+            Isa::where(r, base, n, far, o);
+            Isa::rows(w, *rows, o, n, acc);
+        } else {
+            for (uint32_t j = 0; j < n; ++j) {
+                const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
+                const int32_t centre = std::min(static_cast<int32_t>(p >> 16) + r.h, far);
+                const uint32_t f = p & 0xFFFFu;
+                const uint32_t t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+                if (t0 != made) {
+                    Isa::coefs(coef, taps, t0 + static_cast<uint32_t>(r.h) * r.tableStep, r.tableStep, r.h);
+                    made = t0;
+                }
+                acc[j] = Isa::dot(w, centre - r.h, coef, taps);
+            }
+        }
+        Isa::finish(acc, n, r.gain, r.shift, out + base);
+    }
+}
+
+}  // namespace
+}  // namespace rsmpl::sinc
