@@ -727,30 +727,29 @@ template <typename T> py::array shaped_like(const py::array &a)
 	return py::array_t<T>(shape);
 }
 
-py::array db_to_scale(const py::handle &db)
+// Integer inputs in [lo, hi] mapped element by element to int32, without the GIL.
+template <typename F> py::array map_to_int32(const py::handle &x, const char *what, int64_t lo, int64_t hi, F f)
 {
-	auto v = int_values(db, "dB", INT32_MIN, INT32_MAX);
+	auto v = int_values(x, what, lo, hi);
 	py::array y = shaped_like<int32_t>(v);
 	auto *o = static_cast<int32_t *>(y.mutable_data());
 	const int64_t *in = v.data();
 	const py::ssize_t n = v.size();
 	py::gil_scoped_release nogil;
 	for (py::ssize_t i = 0; i < n; i++)
-		o[i] = UTIL_dBToScale(static_cast<int32_t>(in[i]));
+		o[i] = f(in[i]);
 	return y;
+}
+
+py::array db_to_scale(const py::handle &db)
+{
+	return map_to_int32(db, "dB", INT32_MIN, INT32_MAX,
+			    [](int64_t v) { return UTIL_dBToScale(static_cast<int32_t>(v)); });
 }
 
 py::array log10_q15(const py::handle &x)
 {
-	auto v = int_values(x, "x", INT16_MIN, INT16_MAX);
-	py::array y = shaped_like<int32_t>(v);
-	auto *o = static_cast<int32_t *>(y.mutable_data());
-	const int64_t *in = v.data();
-	const py::ssize_t n = v.size();
-	py::gil_scoped_release nogil;
-	for (py::ssize_t i = 0; i < n; i++)
-		o[i] = _LOG10(static_cast<int16_t>(in[i]));
-	return y;
+	return map_to_int32(x, "x", INT16_MIN, INT16_MAX, [](int64_t v) { return _LOG10(static_cast<int16_t>(v)); });
 }
 
 int64_t int_scalar(const py::handle &h, const char *what, int64_t lo, int64_t hi)
