@@ -98,10 +98,10 @@ struct Instance {
     snd_pcm_rate_info_t info{};   // last info handed to init / adjust_pitch
 };
 
-void open_instance(Instance &in, Reader &r) {
+void open_instance(Instance &in, Reader &r, snd_pcm_rate_open_func_t open) {
     const uint32_t version = pick_version(r);
     std::memset(&in.host, 0xA5, sizeof in.host);
-    FUZZ_CHECK(module_open()(version, &in.obj, &in.host.ops) == 0);
+    FUZZ_CHECK(open(version, &in.obj, &in.host.ops) == 0);
     FUZZ_CHECK(in.obj != nullptr);
     const auto *bytes = reinterpret_cast<const uint8_t *>(&in.host);
     // 0x010001 knows nine slots; every other version gets the 0x010002 table.
@@ -223,18 +223,6 @@ void extras(Instance &in) {
 // refuse rates or periods it has no path for.
 namespace {
 
-void best_open_instance(Instance &in, Reader &r) {
-    static const snd_pcm_rate_open_func_t open = entry("rsmplrate_best");
-    const uint32_t version = pick_version(r);
-    std::memset(&in.host, 0xA5, sizeof in.host);
-    FUZZ_CHECK(open(version, &in.obj, &in.host.ops) == 0);
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&in.host);
-    const size_t end = version == 0x010001 ? offsetof(snd_pcm_rate_ops_t, version)
-                                           : offsetof(snd_pcm_rate_ops_t, get_supported_formats);
-    for (size_t i = end; i < sizeof in.host; ++i) FUZZ_CHECK(bytes[i] == 0xA5);
-    in.full = version != 0x010001;
-}
-
 void best_init(Instance &in, Reader &r) {
     snd_pcm_rate_info_t &info = in.info;
     info.in.rate = pick_rate(r);
@@ -263,10 +251,8 @@ void best_init(Instance &in, Reader &r) {
 void run(const uint8_t *data, size_t size, bool specified) {
     Reader r(data, size);
     Instance in;
-    if (specified)
-        open_instance(in, r);
-    else
-        best_open_instance(in, r);
+    static const snd_pcm_rate_open_func_t best = entry("rsmplrate_best");
+    open_instance(in, r, specified ? module_open() : best);
     for (int op = 0; op < 40 && !r.empty(); ++op) {
         switch (r.u8() % 10) {
             case 0:
