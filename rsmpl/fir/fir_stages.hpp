@@ -2,8 +2,9 @@
 // set from this list (the scalar reference and the AArch64 kernels from the
 // rows, the x86 kernels from the tap pairs fir_layout.hpp derives), and the
 // stage wrappers take their shape from it. A new ratio is its coefficient
-// table, a line in RSMPL_FIR_STAGES and a branch in make_stage(), plus its
-// place in the interface (rsmpl/interface/rsmpl.cpp and its wrapper).
+// table, a line in RSMPL_FIR_STAGES and a branch in make_stage(); the
+// interface then gives it a number (kUpStages / kDownStages below,
+// rsmpl/interface/rsmpl.cpp) and a wrapper (upsample.cpp or downsample.cpp).
 #pragma once
 
 #include <array>
