@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "rsmpl/fir/downsample_kernels.hpp"
+#include "rsmpl/engine/engine.hpp"
 #include "rsmpl/fir/downsample_tables.hpp"
 #include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
@@ -65,18 +65,20 @@ struct Stage {
     int32_t outputs(int64_t n) const { return static_cast<int32_t>(n / group_in * group_out); }
 };
 
+inline Kernel scalar(rsmpl::fir::StageId id) { return rsmpl::kScalarKernels.fir.stage[id]; }
+
 inline const std::vector<Stage> &stages() {
     namespace d = rsmpl::down;
     static const std::vector<Stage> s = {
-        {"Down2_3", Downsample2_3, DownsampleFIR3To2, d::fir3to2_scalar, &d::kTable3To2, 3, 2, 14, 48, 18, 6,
+        {"Down2_3", Downsample2_3, DownsampleFIR3To2, scalar(rsmpl::fir::kDown3To2), &d::kTable3To2, 3, 2, 14, 48, 18, 6,
          prototype3to2(), 15, true},
-        {"Down1_2", Downsample1_2, DownsampleFIR2To1, d::fir2to1_scalar, &d::kTable2To1, 2, 1, 70, 144, 8, 4,
+        {"Down1_2", Downsample1_2, DownsampleFIR2To1, scalar(rsmpl::fir::kDown2To1), &d::kTable2To1, 2, 1, 70, 144, 8, 4,
          mirror(kHalf2), 16, false},
-        {"Down1_3", Downsample1_3, DownsampleFIR3To1, d::fir3to1_scalar, &d::kTable3To1, 3, 1, 45, 72, 18, 6,
+        {"Down1_3", Downsample1_3, DownsampleFIR3To1, scalar(rsmpl::fir::kDown3To1), &d::kTable3To1, 3, 1, 45, 72, 18, 6,
          mirror(kHalf3), 16, false},
-        {"Down1_4", Downsample1_4, DownsampleFIR4To1, d::fir4to1_scalar, &d::kTable4To1, 4, 1, 60, 80, 16, 4,
+        {"Down1_4", Downsample1_4, DownsampleFIR4To1, scalar(rsmpl::fir::kDown4To1), &d::kTable4To1, 4, 1, 60, 80, 16, 4,
          mirror(kHalf4), 17, false},
-        {"Down1_6", Downsample1_6, DownsampleFIR6To1, d::fir6to1_scalar, &d::kTable6To1, 6, 1, 90, 108, 36, 6,
+        {"Down1_6", Downsample1_6, DownsampleFIR6To1, scalar(rsmpl::fir::kDown6To1), &d::kTable6To1, 6, 1, 90, 108, 36, 6,
          mirror(kHalf6), 17, false},
     };
     return s;

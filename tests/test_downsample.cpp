@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "rsmpl/fir/downsample_kernels.hpp"
 #include "rsmpl/fir/downsample_tables.hpp"
 #include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>

@@ -15,7 +15,6 @@
 
 #include "rsmpl/engine/engine.hpp"
 #include "rsmpl/fir/fir_layout.hpp"
-#include "rsmpl/fir/fir_rows.hpp"
 #include "rsmpl/linear/linear_kernels.hpp"
 #include <rsmpl/rsmpl.h>
 #include "rsmpl/sinc/sinc_kernel.hpp"
@@ -51,25 +50,26 @@ Layout view(const L &l) {
 struct Fir {
     const char *name;
     Layout layout;
-    int index;                 // 0..4 up (3:2, 1:2, 1:3, 1:4, 1:6), 5..9 down (1:2, 1:3, 1:4, 1:6, 2:3)
+    int index;                 // StageId: 0..4 up (3:2, 1:2, 1:3, 1:4, 1:6), 5..9 down (1:2, 1:3, 1:4, 1:6, 2:3)
     bool up;
     int tail;  // up-stage wrapper's tail length T (in-place staging); 0 for down
 };
 
-Kernel kernel_of(const KernelSet &k, int index) {
-    const Kernel all[] = {k.up.fir2to3,    k.up.fir1to2,    k.up.fir1to3,    k.up.fir1to4,    k.up.fir1to6,
-                          k.down.fir2to1, k.down.fir3to1, k.down.fir4to1, k.down.fir6to1, k.down.fir3to2};
-    return all[index];
-}
+Kernel kernel_of(const KernelSet &k, int index) { return k.fir.stage[index]; }
 
 const std::vector<Fir> &firs() {
     namespace f = rsmpl::fir;
     static const std::vector<Fir> v = {
-        {"Up3_2", view(f::kUp2To3), 0, true, 12},   {"Up2_1", view(f::kUp1To2), 1, true, 18},
-        {"Up3_1", view(f::kUp1To3), 2, true, 6},    {"Up4_1", view(f::kUp1To4), 3, true, 4},
-        {"Up6_1", view(f::kUp1To6), 4, true, 3},    {"Down1_2", view(f::kDown2To1), 5, false, 0},
-        {"Down1_3", view(f::kDown3To1), 6, false, 0}, {"Down1_4", view(f::kDown4To1), 7, false, 0},
-        {"Down1_6", view(f::kDown6To1), 8, false, 0}, {"Down2_3", view(f::kDown3To2), 9, false, 0},
+        {"Up3_2", view(f::kPairs<f::kUp2To3>), f::kUp2To3, true, 12},
+        {"Up2_1", view(f::kPairs<f::kUp1To2>), f::kUp1To2, true, 18},
+        {"Up3_1", view(f::kPairs<f::kUp1To3>), f::kUp1To3, true, 6},
+        {"Up4_1", view(f::kPairs<f::kUp1To4>), f::kUp1To4, true, 4},
+        {"Up6_1", view(f::kPairs<f::kUp1To6>), f::kUp1To6, true, 3},
+        {"Down1_2", view(f::kPairs<f::kDown2To1>), f::kDown2To1, false, 0},
+        {"Down1_3", view(f::kPairs<f::kDown3To1>), f::kDown3To1, false, 0},
+        {"Down1_4", view(f::kPairs<f::kDown4To1>), f::kDown4To1, false, 0},
+        {"Down1_6", view(f::kPairs<f::kDown6To1>), f::kDown6To1, false, 0},
+        {"Down2_3", view(f::kPairs<f::kDown3To2>), f::kDown3To2, false, 0},
     };
     return v;
 }
@@ -98,7 +98,6 @@ TEST(Engines, NamesAndForcing) {
         rsmpl::EngineId id;
         ASSERT_TRUE(rsmpl::parse_engine(all[i]->name, &id)) << all[i]->name;
         EXPECT_EQ(id, all[i]->id);
-        EXPECT_STREQ(all[i]->up.name, all[i]->name);
         EXPECT_EQ(rsmpl::find_kernels(id), all[i]);
         for (size_t j = 0; j < i; ++j) EXPECT_NE(all[i]->id, all[j]->id);
     }
@@ -125,7 +124,6 @@ TEST(Engines, TheProcessRunsTheEngineTheEnvironmentAsksFor) {
     const KernelSet &want = rsmpl::choose_kernels(std::getenv("RSMPL_ENGINE"));
     EXPECT_EQ(&rsmpl::kernels(), &want);
     EXPECT_STREQ(rsmpl::engine_name(), want.name);
-    EXPECT_EQ(rsmpl::up::active_engine().fir1to3, want.up.fir1to3);
     std::printf("engine in use: %s\n", rsmpl::engine_name());
 }
 
@@ -225,10 +223,10 @@ Rows rows_view(const L &l) {
 const std::vector<Rows> &all_rows() {
     namespace f = rsmpl::fir;
     static const std::vector<Rows> v = {
-        rows_view(f::kRowsUp2To3),   rows_view(f::kRowsUp1To2),   rows_view(f::kRowsUp1To3),
-        rows_view(f::kRowsUp1To4),   rows_view(f::kRowsUp1To6),   rows_view(f::kRowsDown2To1),
-        rows_view(f::kRowsDown3To1), rows_view(f::kRowsDown4To1), rows_view(f::kRowsDown6To1),
-        rows_view(f::kRowsDown3To2),
+        rows_view(f::kRows<f::kUp2To3>),   rows_view(f::kRows<f::kUp1To2>),   rows_view(f::kRows<f::kUp1To3>),
+        rows_view(f::kRows<f::kUp1To4>),   rows_view(f::kRows<f::kUp1To6>),   rows_view(f::kRows<f::kDown2To1>),
+        rows_view(f::kRows<f::kDown3To1>), rows_view(f::kRows<f::kDown4To1>), rows_view(f::kRows<f::kDown6To1>),
+        rows_view(f::kRows<f::kDown3To2>),
     };
     return v;
 }

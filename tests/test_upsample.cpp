@@ -7,7 +7,7 @@
 #include <iterator>
 #include <string>
 
-#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/engine/engine.hpp"
 #include "rsmpl/fir/upsample_tables.hpp"
 #include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
@@ -143,14 +143,20 @@ TEST_P(UpStage, HistoryHoldsTheNewestInputs) {
 // Every engine and the exported kernels, on staged input of any count: the
 // model's outputs, nothing written for a count below one group, none past them.
 TEST_P(UpStage, KernelsMatchTheModelForEveryCount) {
-    std::vector<Kernels> all(rsmpl::up::engines().begin(), rsmpl::up::engines().end());
-    all.push_back({"exported", UpsampleFIR2To3, UpsampleFIR1To2, UpsampleFIR1To3, UpsampleFIR1To4, UpsampleFIR1To6});
-    for (const Kernels &e : all)
+    struct Named {
+        std::string name;
+        Kernel kernel;
+    };
+    std::vector<Named> all;
+    for (const rsmpl::KernelSet *e : rsmpl::available_kernels()) all.push_back({e->name, e->fir.stage[st.kernel]});
+    const Kernel exported[] = {UpsampleFIR2To3, UpsampleFIR1To2, UpsampleFIR1To3, UpsampleFIR1To4, UpsampleFIR1To6};
+    all.push_back({"exported", exported[GetParam()]});
+    for (const Named &e : all)
         for (int32_t count = -2; count <= 300; count += count < 40 ? 1 : 131) {
-            SCOPED_TRACE(std::string(e.name) + ", count " + std::to_string(count));
+            SCOPED_TRACE(e.name + ", count " + std::to_string(count));
             const Samples x = hostile_samples(st.history + std::max(count, 0), 100 + count);
             Guarded<int16_t> out(st.outputs(count));
-            (e.*st.kernel)(x.data(), out.data(), count);
+            e.kernel(x.data(), out.data(), count);
             EXPECT_TRUE(out.guards_intact());
             EXPECT_TRUE(same(Samples(out.data(), out.data() + out.size()), model(st, x, st.history, out.size())));
         }
@@ -159,7 +165,7 @@ TEST_P(UpStage, KernelsMatchTheModelForEveryCount) {
 // Windows whose signs follow a row drive the exact sum past the 32-bit range
 // on the heaviest phases: the output saturates, it never wraps.
 TEST_P(UpStage, WorstCaseWindowsSaturate) {
-    for (const Kernels &e : rsmpl::up::engines())
+    for (const rsmpl::KernelSet *e : rsmpl::available_kernels())
         for (int p = 0; p < st.phases; ++p)
             for (int sign : {1, -1}) {
                 Samples x(st.history + st.group(), 0);
@@ -167,8 +173,8 @@ TEST_P(UpStage, WorstCaseWindowsSaturate) {
                 for (size_t i = 0; i < st.rows[p].size(); ++i)
                     x[start + i] = (st.rows[p][i] * sign >= 0) ? 32767 : -32768;
                 Samples out(st.phases);
-                (e.*st.kernel)(x.data(), out.data(), st.group());
-                EXPECT_EQ(out[p], sign > 0 ? 32767 : -32768) << e.name << ", phase " << p << ", sign " << sign;
+                e->fir.stage[st.kernel](x.data(), out.data(), st.group());
+                EXPECT_EQ(out[p], sign > 0 ? 32767 : -32768) << e->name << ", phase " << p << ", sign " << sign;
             }
 }
 

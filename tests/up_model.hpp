@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/engine/engine.hpp"
 #include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
 #include "support.hpp"
@@ -14,15 +14,15 @@
 namespace rsmpl_test::up_model {
 
 using namespace rsmpl_test;
-using rsmpl::up::Kernels;
-using rsmpl::up::Kernel;
+using rsmpl::fir::Kernel;
+using rsmpl::fir::StageId;
 using Samples = std::vector<int16_t>;
 using Wrapper = void (*)(const int16_t *, int16_t *, RSMPL_Ctx *, int32_t);
 
 struct Stage {
     const char *name;
     Wrapper wrapper;
-    Kernel Kernels::*kernel;
+    StageId kernel;  // index of its kernel in every engine
     bool pairs;      // 3:2: consumes inputs in pairs
     int phases;      // outputs per input (per pair for 3:2)
     int history;     // H, samples kept in the context
@@ -84,17 +84,17 @@ inline const std::vector<Samples> k1To6 = {
 };
 
 inline const std::vector<Stage> &stages() {
-    using namespace rsmpl::up;
+    namespace f = rsmpl::fir;
     static const std::vector<Stage> s = {
-        {"Up3_2", Upsample3_2, &Kernels::fir2to3, true, 3, 15, 6, 960, k2To3,
+        {"Up3_2", Upsample3_2, f::kUp2To3, true, 3, 15, 6, 960, k2To3,
          {33075, 33075, 33131}, {10094, 10094, 10111}, {-164, -456, 489, 418}},
-        {"Up2_1", Upsample2_1, &Kernels::fir1to2, false, 2, 35, 4, 720, k1To2,
+        {"Up2_1", Upsample2_1, f::kUp1To2, false, 2, 35, 4, 720, k1To2,
          {33710, 33710}, {10287, 10287}, {187, 360, 231, -210}},
-        {"Up3_1", Upsample3_1, &Kernels::fir1to3, false, 3, 15, 6, 480, k1To3,
+        {"Up3_1", Upsample3_1, f::kUp1To3, false, 3, 15, 6, 480, k1To3,
          {33024, 32992, 33024}, {10078, 10068, 10078}, {}},
-        {"Up4_1", Upsample4_1, &Kernels::fir1to4, false, 4, 15, 4, 360, k1To4,
+        {"Up4_1", Upsample4_1, f::kUp1To4, false, 4, 15, 4, 360, k1To4,
          {33047, 33018, 33018, 33047}, {}, {}},
-        {"Up6_1", Upsample6_1, &Kernels::fir1to6, false, 6, 15, 6, 240, k1To6,
+        {"Up6_1", Upsample6_1, f::kUp1To6, false, 6, 15, 6, 240, k1To6,
          {33064, 33040, 33025, 33025, 33040, 33064}, {}, {}},
     };
     return s;

@@ -12,38 +12,29 @@
 
 namespace rsmpl {
 
-namespace {
-
-constexpr up::Kernels kScalarUp{"scalar",           up::fir2to3_scalar, up::fir1to2_scalar,
-                                up::fir1to3_scalar, up::fir1to4_scalar, up::fir1to6_scalar};
-constexpr down::Kernels kScalarDown{down::fir2to1_scalar, down::fir3to1_scalar, down::fir4to1_scalar,
-                                    down::fir6to1_scalar, down::fir3to2_scalar};
-
-}  // namespace
-
 // Each set: every component's kernels for one instruction set. A new set is
 // one file per component and a row here. All are constant-initialised, so no
 // use before main can see a half-built set.
 constinit const KernelSet kScalarKernels{
-    EngineId::scalar, "scalar", kScalarUp, kScalarDown,
+    EngineId::scalar, "scalar", fir::kKernelsScalar,
     sinc_run_scalar, linear_expand_scalar, linear_shrink_scalar,
     gather_channel_scalar, scatter_channel_scalar, split_channels_scalar, merge_channels_scalar,
 };
 #if defined(__x86_64__)
 constinit const KernelSet kSse41Kernels{
-    EngineId::sse41, "sse41", up::kKernelsSse41, down::kKernelsSse41,
+    EngineId::sse41, "sse41", fir::kKernelsSse41,
     sinc_run_sse41, linear_expand_sse41, linear_shrink_sse41,
     gather_channel_sse41, scatter_channel_sse41, split_channels_sse41, merge_channels_sse41,
 };
 constinit const KernelSet kAvx2Kernels{
-    EngineId::avx2, "avx2", up::kKernelsAvx2, down::kKernelsAvx2,
+    EngineId::avx2, "avx2", fir::kKernelsAvx2,
     sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
     gather_channel_avx2, scatter_channel_avx2, split_channels_avx2, merge_channels_avx2,
 };
 #endif
 #if defined(__aarch64__)
 constinit const KernelSet kNeonKernels{
-    EngineId::neon, "neon", up::kKernelsNeon, down::kKernelsNeon,
+    EngineId::neon, "neon", fir::kKernelsNeon,
     sinc_run_neon, linear_expand_neon, linear_shrink_neon,
     gather_channel_neon, scatter_channel_neon, split_channels_neon, merge_channels_neon,
 };

@@ -20,8 +20,7 @@
 #include <span>
 
 #include "rsmpl/channels/channel_moves.hpp"
-#include "rsmpl/fir/downsample_kernels.hpp"
-#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/fir/fir_stages.hpp"
 #include "rsmpl/linear/linear_kernels.hpp"
 
 namespace rsmpl {
@@ -35,8 +34,7 @@ using SincKernel = void (*)(const SincRun &run, int16_t *out);
 struct KernelSet {
     EngineId id;
     const char *name;
-    const up::Kernels &up;
-    const down::Kernels &down;
+    const fir::Kernels &fir;
     SincKernel sinc;
     LinearExpand linear_expand;
     LinearShrink linear_shrink;

@@ -7,18 +7,14 @@
 #include <cstdint>
 
 #include "rsmpl/channels/channel_moves.hpp"
-#include "rsmpl/fir/downsample_kernels.hpp"
-#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/fir/fir_stages.hpp"
 
 namespace rsmpl {
 
 struct SincRun;
 
-namespace up {
-extern const Kernels kKernelsSse41, kKernelsAvx2, kKernelsNeon;
-}
-namespace down {
-extern const Kernels kKernelsSse41, kKernelsAvx2, kKernelsNeon;
+namespace fir {
+extern const Kernels kKernelsScalar, kKernelsSse41, kKernelsAvx2, kKernelsNeon;
 }
 
 void sinc_run_sse41(const SincRun &run, int16_t *out);

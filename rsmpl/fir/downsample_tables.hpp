@@ -1,5 +1,5 @@
-// Coefficient tables and block geometry of the five decimation stages.
-// Internal: the kernels, the tests and any later vector kernel read these.
+// Coefficient tables of the five decimation stages. Internal: the stage list
+// (fir_stages.hpp) and the tests read these.
 #pragma once
 
 #include <array>
@@ -98,47 +98,5 @@ inline constexpr CoefTable kTable3To1{DownsampleCoef3To1, 1, 48, 16};
 inline constexpr CoefTable kTable4To1{DownsampleCoef4To1, 1, 64, 17};
 inline constexpr CoefTable kTable6To1{DownsampleCoef6To1, 1, 96, 17};
 inline constexpr CoefTable kTable3To2{DownsampleCoef3To2, 2, 16, 15};
-
-// The 2:3 kernel accumulates each phase in 32 bits.
-static_assert(phase_bound(kTable3To2, 0) <= INT32_MAX && phase_bound(kTable3To2, 1) <= INT32_MAX);
-
-// Block geometry of a stage wrapper. A group of group_in inputs yields
-// group_out outputs; history H samples precede each block; the first
-// first_block (B) samples are filtered from a stack frame, the rest directly
-// from the caller's buffer.
-struct StageGeometry {
-    int32_t group_in;
-    int32_t group_out;
-    int32_t history;
-    int32_t first_block;
-    // The direct pass reads from in[B - H] and writes from out[direct_out].
-    constexpr int32_t direct_in() const { return first_block - history; }
-    constexpr int32_t direct_out() const { return first_block / group_in * group_out; }
-    constexpr int32_t frame() const { return history + first_block; }
-};
-
-// Index order of RSMPL_Down: 0 = 2:3, 1 = 1:2, 2 = 1:3, 3 = 1:4, 4 = 1:6.
-inline constexpr StageGeometry kGeom3To2{3, 2, 14, 48};
-inline constexpr StageGeometry kGeom2To1{2, 1, 70, 144};
-inline constexpr StageGeometry kGeom3To1{3, 1, 45, 72};
-inline constexpr StageGeometry kGeom4To1{4, 1, 60, 80};
-inline constexpr StageGeometry kGeom6To1{6, 1, 90, 108};
-
-// Why one buffer may serve as in and out: the frame pass's outputs end below
-// the direct pass's first input, the direct pass writes each output no higher
-// than the first input it reads (output j at direct_out + j*group_out, inputs
-// from direct_in + j*group_in), and the frame is whole groups.
-constexpr bool in_place_safe(StageGeometry g) {
-    return g.direct_out() <= g.direct_in() && g.group_out <= g.group_in && g.first_block % g.group_in == 0 &&
-           g.history <= g.first_block;
-}
-static_assert(in_place_safe(kGeom3To2) && in_place_safe(kGeom2To1) && in_place_safe(kGeom3To1) &&
-              in_place_safe(kGeom4To1) && in_place_safe(kGeom6To1));
-
-// A 1:M history is the span of one output minus the group it consumes.
-static_assert(kGeom2To1.history == kTable2To1.taps - 2 && kGeom3To1.history == kTable3To1.taps - 3 &&
-              kGeom4To1.history == kTable4To1.taps - 4 && kGeom6To1.history == kTable6To1.taps - 6);
-// A 2:3 output pair spans 17 inputs: phase 1 ends one sample after phase 0.
-static_assert(kGeom3To2.history == kTable3To2.taps + 1 - 3);
 
 }  // namespace rsmpl::down

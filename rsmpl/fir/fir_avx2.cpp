@@ -6,7 +6,6 @@
 
 namespace rsmpl {
 
-constinit const up::Kernels up::kKernelsAvx2 = fir::up_kernels("avx2");
-constinit const down::Kernels down::kKernelsAvx2 = fir::down_kernels();
+constinit const fir::Kernels fir::kKernelsAvx2 = fir::make_kernels<fir::X86Stage>();
 
 }  // namespace rsmpl

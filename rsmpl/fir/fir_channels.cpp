@@ -3,40 +3,32 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "rsmpl/engine/engine.hpp"
+#include "rsmpl/fir/fir_stages.hpp"
 #include "rsmpl/interface/context.hpp"
 
 namespace rsmpl::fir {
 namespace {
 
-using Kernel = void (*)(const int16_t *, int16_t *, int32_t);
-
-struct Stage {
-    int32_t history;  // H: samples kept in the context
-    int32_t group;    // inputs per output group
-    int32_t outputs;  // outputs per group
-    int32_t tail;     // up: the wrapper filters the last T inputs apart (0: no split)
+// A stage's shape and the engine's kernel for it.
+struct Stage : StageShape {
     Kernel kernel;
 };
 
-// RSMPL_Up / RSMPL_Down numbering: 3:2, x2, x3, x4, x6 and 2:3, /2, /3, /4, /6.
 Stage stage_of(Direction d, uint32_t index) {
-    const KernelSet &k = kernels();
-    if (d == Direction::up) {
-        const Stage up[] = {{15, 2, 3, 12, k.up.fir2to3}, {35, 1, 2, 18, k.up.fir1to2}, {15, 1, 3, 6, k.up.fir1to3},
-                            {15, 1, 4, 4, k.up.fir1to4}, {15, 1, 6, 3, k.up.fir1to6}};
-        return up[index];
-    }
-    const Stage down[] = {{14, 3, 2, 0, k.down.fir3to2}, {70, 2, 1, 0, k.down.fir2to1}, {45, 3, 1, 0, k.down.fir3to1},
-                          {60, 4, 1, 0, k.down.fir4to1}, {90, 6, 1, 0, k.down.fir6to1}};
-    return down[index];
+    const StageId id = (d == Direction::up ? kUpStages : kDownStages)[index];
+    return {kShapes[id], kernels().fir.stage[id]};
 }
 
 // Inputs per kernel call: a multiple of every group, so that pieces keep the
 // pairing of 3:2 and the groups of the down-stages.
 constexpr int32_t kPiece = 480;
 constexpr int32_t kMaxHistory = 90;
+static_assert(std::all_of(kShapes.begin(), kShapes.end(), [](const StageShape &s) {
+    return s.history <= kMaxHistory && s.outputs * kPiece / s.group <= kPiece * 6 && kPiece % s.group == 0;
+}));
 constexpr int32_t kMaxOutputs = kPiece * 6;
 
 // Up to four channels go through a piece together: split in one pass over
@@ -87,7 +79,7 @@ int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels,
 
 int32_t stage_channels(Direction direction, uint32_t index, RSMPL_Ctx *const *ctx, uint32_t channels,
                        const int16_t *in, int16_t *out, int32_t frames, int16_t *last_channel) {
-    if (ctx == nullptr || in == nullptr || out == nullptr || index > 4 || frames <= 0) return 0;
+    if (ctx == nullptr || in == nullptr || out == nullptr || index >= std::size(kUpStages) || frames <= 0) return 0;
     const KernelSet &k = kernels();
     const Stage s = stage_of(direction, index);
     if (channels >= 1 && channels <= kTogether) return stage_together(s, ctx, channels, in, out, frames, last_channel);

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "rsmpl/fir/fir_layout.hpp"
+#include "rsmpl/fir/fir_stages.hpp"
 
 // One copy of a function, not a specialised clone per call site (GCC's
 // noclone; clang does not clone there).

@@ -1,5 +1,5 @@
-// The AArch64 Advanced SIMD FIR stages, built from the stage rows of
-// fir_rows.hpp. NEON is part of every AArch64 processor, so an AArch64 build
+// The AArch64 Advanced SIMD FIR stages, built from the rows of the stage
+// list (fir_stages.hpp). NEON is part of every AArch64 processor, so an AArch64 build
 // always has them and needs no extra flags.
 //
 // Lanes are groups, eight per block. A chunk of groups first splits the input
@@ -25,9 +25,7 @@
 #include <arm_neon.h>
 
 #include "rsmpl/engine/isa_kernels.hpp"
-#include "rsmpl/engine/mca.hpp"
 #include "rsmpl/fir/fir_driver.hpp"
-#include "rsmpl/fir/fir_rows.hpp"
 
 namespace rsmpl::fir {
 namespace {
@@ -298,34 +296,22 @@ struct Rows {
 }  // namespace rsmpl::fir
 
 namespace rsmpl {
+
+namespace fir {
 namespace {
 
-// One FIR kernel per stage row: its name for the cost estimate's marks, with
-// the outputs of one block and the multiplies each output really needs.
-#define RSMPL_NEON_FIR(fn, rows, mark)                                                                    \
-    struct fn##_mark {                                                                                    \
-        static constexpr int kOuts = 8 * fir::rows.P * fir::Rows<fir::rows>::kPass, kMacs = fir::rows.taps_total() / fir::rows.P;      \
-        [[gnu::always_inline]] static void begin() { RSMPL_MCA_BEGIN(mark, kOuts, kMacs); }               \
-        [[gnu::always_inline]] static void end() { RSMPL_MCA_END(mark, kOuts, kMacs); }                   \
-    };                                                                                                    \
-    void fn(const int16_t *x, int16_t *out, int32_t count) {                                              \
-        fir::run_rows<fir::Rows<fir::rows>, fn##_mark>(x, out, count);                                    \
-    }
-RSMPL_NEON_FIR(up2to3, kRowsUp2To3, "up2to3")
-RSMPL_NEON_FIR(up1to2, kRowsUp1To2, "up1to2")
-RSMPL_NEON_FIR(up1to3, kRowsUp1To3, "up1to3")
-RSMPL_NEON_FIR(up1to4, kRowsUp1To4, "up1to4")
-RSMPL_NEON_FIR(up1to6, kRowsUp1To6, "up1to6")
-RSMPL_NEON_FIR(down2to1, kRowsDown2To1, "down2to1")
-RSMPL_NEON_FIR(down3to1, kRowsDown3To1, "down3to1")
-RSMPL_NEON_FIR(down4to1, kRowsDown4To1, "down4to1")
-RSMPL_NEON_FIR(down6to1, kRowsDown6To1, "down6to1")
-RSMPL_NEON_FIR(down3to2, kRowsDown3To2, "down3to2")
-#undef RSMPL_NEON_FIR
+// A stage's kernel: its cost marks count the outputs of one pass and the
+// multiplies each output really needs.
+template <int I>
+struct NeonStage {
+    using K = Rows<kRows<I>>;
+    using Mark = StageMark<I, 8 * K::P * K::kPass, kRows<I>.taps_total() / K::P>;
+    static constexpr Kernel kernel = run_rows<K, Mark>;
+};
 
 }  // namespace
+}  // namespace fir
 
-constinit const up::Kernels up::kKernelsNeon{"neon", up2to3, up1to2, up1to3, up1to4, up1to6};
-constinit const down::Kernels down::kKernelsNeon{down2to1, down3to1, down4to1, down6to1, down3to2};
+constinit const fir::Kernels fir::kKernelsNeon = fir::make_kernels<fir::NeonStage>();
 
 }  // namespace rsmpl

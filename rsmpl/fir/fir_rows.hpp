@@ -1,5 +1,7 @@
-// The FIR stages as rows over a stride: one list that a vector engine turns
-// into its kernels, so a new ratio is a new row in kStages below.
+// The canonical form of a FIR stage: rows over a stride. The stage list
+// (fir_stages.hpp) describes every stage this way; the scalar reference and
+// the AArch64 kernels read the rows as they are, the x86 kernels the tap
+// pairs fir_layout.hpp derives from them.
 //
 // Group t of a stage reads the samples x[D*t + e], e = 0 .. E-1, and yields
 // P outputs, one per row:
@@ -171,37 +173,5 @@ constexpr RowLayout<2, 17> down3to2() {
 }
 
 }  // namespace rows
-
-// The stage list. Bins per row come out as: up 1:2 2+2, 1:3 1+2+1,
-// 1:4 1+2+2+1, 1:6 1+1+2+2+1+1, 3:2 2+2+1; down 1:2 3, 1:3 2, 1:4 4, 1:6 4,
-// 2:3 1+1. Heaviest bins: up 43548, 52914, 48955, 60234, 41427; down 50908,
-// 58847, 65404, 59665, 56048 (the tests recompute them from these tables).
-inline constexpr auto kRowsUp1To2 = rows::up(up::kFir1To2);
-inline constexpr auto kRowsUp1To3 = rows::up(up::kFir1To3);
-inline constexpr auto kRowsUp1To4 = rows::up(up::kFir1To4);
-inline constexpr auto kRowsUp1To6 = rows::up(up::kFir1To6);
-inline constexpr auto kRowsUp2To3 = rows::up2to3();
-inline constexpr auto kRowsDown2To1 = rows::down<72>(down::kTable2To1, 2);
-inline constexpr auto kRowsDown3To1 = rows::down<48>(down::kTable3To1, 3);
-inline constexpr auto kRowsDown4To1 = rows::down<64>(down::kTable4To1, 4);
-inline constexpr auto kRowsDown6To1 = rows::down<96>(down::kTable6To1, 6);
-inline constexpr auto kRowsDown3To2 = rows::down3to2();
-
-template <class Layout>
-constexpr bool rows_well_formed(const Layout &l) {
-    bool ok = l.heaviest_bin() < kRowBinBound && l.slots <= Layout::kMaxSlots && l.D >= 1 && l.D <= 6;
-    for (int p = 0; p < Layout::P; ++p) {
-        ok = ok && l.bins[p] >= 1 && l.bins[p] <= 4;
-        // One bin narrows with a rounding shift of s, two with s - 1 after a
-        // halving add: the narrowing shift takes 1 .. 16.
-        ok = ok && (l.bins[p] > 2 || l.shift - (l.bins[p] - 1) <= 16);
-    }
-    return ok;
-}
-static_assert(rows_well_formed(kRowsUp1To2) && rows_well_formed(kRowsUp1To3) && rows_well_formed(kRowsUp1To4) &&
-              rows_well_formed(kRowsUp1To6) && rows_well_formed(kRowsUp2To3));
-static_assert(rows_well_formed(kRowsDown2To1) && rows_well_formed(kRowsDown3To1) &&
-              rows_well_formed(kRowsDown4To1) && rows_well_formed(kRowsDown6To1) &&
-              rows_well_formed(kRowsDown3To2));
 
 }  // namespace rsmpl::fir

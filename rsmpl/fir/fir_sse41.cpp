@@ -5,7 +5,6 @@
 
 namespace rsmpl {
 
-constinit const up::Kernels up::kKernelsSse41 = fir::up_kernels("sse41");
-constinit const down::Kernels down::kKernelsSse41 = fir::down_kernels();
+constinit const fir::Kernels fir::kKernelsSse41 = fir::make_kernels<fir::X86Stage>();
 
 }  // namespace rsmpl

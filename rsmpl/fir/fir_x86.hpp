@@ -26,10 +26,8 @@
 
 #include <immintrin.h>
 
-#include "rsmpl/engine/mca.hpp"
-#include "rsmpl/fir/downsample_kernels.hpp"
 #include "rsmpl/fir/fir_driver.hpp"
-#include "rsmpl/fir/upsample.hpp"
+#include "rsmpl/fir/fir_layout.hpp"
 
 namespace rsmpl::fir {
 namespace {
@@ -256,29 +254,14 @@ constexpr int real_taps(const Layout &l) {
         for (int i = 0; i < 2 * Layout::Mp; ++i) n += l.c[p][i] != 0;
     return n / Layout::P;
 }
-#define RSMPL_X86_MARK(layout, name)                                                                   \
-    if constexpr (L.id == layout.id) {                                                                 \
-        [[maybe_unused]] constexpr int kOuts = 2 * kLanes * std::remove_cvref_t<decltype(L)>::P;      \
-        [[maybe_unused]] constexpr int kMacs = real_taps(L);                                           \
-        if constexpr (kBegin)                                                                          \
-            RSMPL_MCA_BEGIN(name, kOuts, kMacs);                                                       \
-        else                                                                                           \
-            RSMPL_MCA_END(name, kOuts, kMacs);                                                         \
-    }
 template <const auto &L, bool kBegin>
 [[gnu::always_inline]] inline void mark() {
-    RSMPL_X86_MARK(kUp2To3, "up2to3")
-    RSMPL_X86_MARK(kUp1To2, "up1to2")
-    RSMPL_X86_MARK(kUp1To3, "up1to3")
-    RSMPL_X86_MARK(kUp1To4, "up1to4")
-    RSMPL_X86_MARK(kUp1To6, "up1to6")
-    RSMPL_X86_MARK(kDown2To1, "down2to1")
-    RSMPL_X86_MARK(kDown3To1, "down3to1")
-    RSMPL_X86_MARK(kDown4To1, "down4to1")
-    RSMPL_X86_MARK(kDown6To1, "down6to1")
-    RSMPL_X86_MARK(kDown3To2, "down3to2")
+    using Mark = StageMark<L.id, 2 * kLanes * std::remove_cvref_t<decltype(L)>::P, real_taps(L)>;
+    if constexpr (kBegin)
+        Mark::begin();
+    else
+        Mark::end();
 }
-#undef RSMPL_X86_MARK
 
 // Pre-broadcast pair words, one vector per (row, pair): one plain load each.
 template <const auto &L>
@@ -446,13 +429,11 @@ struct X86 {
     }
 };
 
-// An x86 engine's stage kernels, one per stage layout of fir_layout.hpp.
-constexpr up::Kernels up_kernels(const char *name) {
-    return {name, run<X86, kUp2To3>, run<X86, kUp1To2>, run<X86, kUp1To3>, run<X86, kUp1To4>, run<X86, kUp1To6>};
-}
-constexpr down::Kernels down_kernels() {
-    return {run<X86, kDown2To1>, run<X86, kDown3To1>, run<X86, kDown4To1>, run<X86, kDown6To1>, run<X86, kDown3To2>};
-}
+// An x86 engine's stage kernels, one per entry of the stage list.
+template <int I>
+struct X86Stage {
+    static constexpr Kernel kernel = run<X86, kPairs<I>>;
+};
 
 }  // namespace
 }  // namespace rsmpl::fir
