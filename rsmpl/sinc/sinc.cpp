@@ -34,6 +34,7 @@
 #include <rsmpl/rsmpl.h>
 #include <rsmpl/rsmpl_util.h>
 #include "rsmpl/sinc/sinc_kernel.hpp"
+#include "rsmpl/sinc/sinc_slots.hpp"
 #include "util/fixed.hpp"
 
 namespace rsmpl {
@@ -107,6 +108,9 @@ const SincRows &sinc_rows() {
     pthread_once(&g_rows_once, fill_rows);
     return g_rows;
 }
+
+// Zero until claimed: in .bss, so only the entries in use take memory.
+constinit sinc::SlotEntry sinc::slotCache[sinc::kSlotEntries]{};
 
 }  // namespace rsmpl
 

@@ -13,7 +13,9 @@
 //     (Isa::coefs) and kept while the fraction repeats, as it does at every
 //     whole step (1/2, 1/3, ...); Isa::dot then sums against the samples;
 //   - below with a fraction that moves, engines with Isa::kSlots read each
-//     output's coefficients from the block's slot table (Slots) instead.
+//     output's coefficients from the ratio's slot table (sinc_slots.hpp)
+//     instead, kept for the process or, when none is free, built for the
+//     block.
 //
 // Per tap, as the scalar form: coefficient wing[j] + ((delta[j] * g') >> 16)
 // and tap (coef * (x >> s)) >> 16, each the floor of an exact product; taps
@@ -26,16 +28,15 @@
 #include "rsmpl/engine/mca.hpp"
 #include <rsmpl/rsmpl.h>
 #include "rsmpl/sinc/sinc_kernel.hpp"
+#include "rsmpl/sinc/sinc_slots.hpp"
 
 namespace rsmpl::sinc {
 namespace {
 
-constexpr int32_t kMaxHalf = 104;  // ratio 1/8
 constexpr int32_t kPad = 32;       // zero samples before the history
 // Right padding: a centre up to h + 16 past the last sample, h taps beyond
 // it and a group of lanes.
 constexpr int32_t kSamples = kPad + RSMPL_HISTORY_SAMPLES + 2 * kMaxHalf + 16 + kPad;
-constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16 + 16;
 constexpr uint32_t kUnityTableStep = 0x800000u;
 
 constexpr uint32_t kChunk = 64;  // outputs per pass of the driver
@@ -73,37 +74,24 @@ struct UnityOutputs {
     alignas(64) int32_t gr2[kChunk];
 };
 
-// Below 128 entries per tap, tap k of every output lies in the slot
-// [k*T, (k+1)*T) of the table (right wing: [(k-1)*T, k*T)): with
-// t0 = e * 2^16 + q and k*T = K * 2^16 + r, the left tap reads entry
-// K + e + carry(r + q), the right one K - e - borrow(r - q), at fraction
-// (r +- q) mod 2^16. A block's slot table holds, in window order, the
-// entries of every tap for each e (row e: K + e left, K - e right), so the
-// taps of an output are two contiguous rows, e and e + 1, picked per lane
-// by the carry; `frac` holds r, `sign` the sign of q in the lane's fraction
-// (1 on the left wing, -1 on the right, 0 past the taps).
-// 34 KB, on the stack of the engines that use it.
-constexpr int32_t kSlotCells = 4096;
-struct NoSlots {};
-struct Slots {
-    int32_t rows = 0, len = 0;
-    alignas(64) uint32_t frac[kCoefs];
-    alignas(64) int32_t sign[kCoefs];
-    alignas(64) int32_t wing[kSlotCells];
-    alignas(64) int32_t delta[kSlotCells];
-};
-
-// Fills the slot table of a run, kLanes rows by kLanes lanes at a time:
-// each lane's entries are a run of the wing (rising on the left wing,
-// falling on the right), loaded as a register and turned into row order by
-// Isa::transpose. False when the table would not fit.
+// Rows and row length of the slot table of a run; false when it would not fit.
 template <class Isa>
-bool build_slots(const SincRun &r, Slots &s) {
+bool slot_shape(const SincRun &r, int32_t &rows, int32_t &len) {
+    constexpr int L = Isa::kLanes;
+    len = (2 * r.h + 1 + L - 1) / L * L;
+    rows = (static_cast<int32_t>(r.tableStep >> 16) + 2 + L - 1) / L * L;
+    return rows * len <= kSlotCells && rows <= SincRows::kPaddedZero - 2 * L;
+}
+
+// Fills the slot table of a run that fits, kLanes rows by kLanes lanes at a
+// time: each lane's entries are a run of the wing (rising on the left wing,
+// falling on the right), loaded as a register and turned into row order by
+// Isa::transpose.
+template <class Isa>
+void build_slots(const SincRun &r, Slots &s) {
     constexpr int L = Isa::kLanes;
     const int32_t taps = 2 * r.h + 1;
-    s.len = (taps + L - 1) / L * L;
-    s.rows = (static_cast<int32_t>(r.tableStep >> 16) + 2 + L - 1) / L * L;
-    if (s.rows * s.len > kSlotCells || s.rows > SincRows::kPaddedZero - 2 * L) return false;
+    slot_shape<Isa>(r, s.rows, s.len);
     const SincRows &t = sinc_rows();
     int32_t first[kCoefs];  // padded index of each lane's entry for e = 0
     for (int32_t w = 0; w < s.len; ++w) {
@@ -137,7 +125,24 @@ bool build_slots(const SincRun &r, Slots &s) {
                 Isa::store(s.delta + (e0 + c) * s.len + w0, dv[c]);
             }
         }
-    return true;
+}
+
+// The run's slot table from the process-wide cache: found ready, or built
+// into a free entry and published. Null when the table is being built by
+// another thread or every entry holds another ratio's: nobody waits.
+template <class Isa>
+const Slots *cached_slots(const SincRun &r) {
+    const uint64_t key = slot_key(r.tableStep, r.h, Isa::kLanes);
+    for (SlotEntry &e : slotCache) {
+        uint64_t now = e.key.load(std::memory_order_acquire);
+        if (now == 0 && e.key.compare_exchange_strong(now, key | kSlotBuilding, std::memory_order_acquire)) {
+            build_slots<Isa>(r, e.slots);
+            e.key.store(key | kSlotReady, std::memory_order_release);
+            return &e.slots;
+        }
+        if ((now & ~kSlotStatus) == key) return now == (key | kSlotReady) ? &e.slots : nullptr;
+    }
+    return nullptr;
 }
 
 // The plain form of Isa::where: entries from .. n-1 of a chunk of a run at
@@ -157,13 +162,11 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
     }
 }
 
-// The outputs of a run from a slot table, when one fits; false otherwise.
-// Out of line, table and all, so the other paths keep their registers and
-// their small stack frame.
+// The outputs of a run from a slot table. Out of line, so the other paths
+// keep their registers.
 template <class Isa>
-[[gnu::noinline]] bool run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
-    Slots table;
-    if (!build_slots<Isa>(r, table)) return false;
+[[gnu::noinline]] void run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, const Slots &table,
+                                 int16_t *out) {
     alignas(64) int32_t first[kChunk];
     alignas(64) uint32_t t0s[kChunk];
     alignas(64) uint32_t acc[kChunk];
@@ -174,7 +177,15 @@ template <class Isa>
         Isa::slot_outputs(w, table, first, t0s, n, acc);
         Isa::finish(acc, n, r.gain, r.shift, out + base);
     }
-    return true;
+}
+
+// The same with a table of its own, for when the cache has none: on a stack
+// frame of its own, so the other paths keep their small one.
+template <class Isa>
+[[gnu::noinline]] void run_own_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
+    Slots table;
+    build_slots<Isa>(r, table);
+    run_slots<Isa>(r, w, far, table, out);
 }
 
 template <class Isa>
@@ -200,10 +211,21 @@ void run(const SincRun &r, int16_t *out) {
     uint32_t made = ~0u;  // no t0 reaches it: t0 <= tableStep
     alignas(64) uint32_t acc[kChunk];
     // A slot table pays when the fraction changes from output to output (a
-    // whole step keeps one set of coefficients) over enough outputs.
-    if constexpr (Isa::kSlots)
-        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 && run_slots<Isa>(r, w, far, out))
-            return;
+    // whole step keeps one set of coefficients); one built for this block
+    // alone only over enough outputs.
+    if constexpr (Isa::kSlots) {
+        int32_t rows = 0, len = 0;
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && slot_shape<Isa>(r, rows, len)) {
+            if (const Slots *s = cached_slots<Isa>(r)) {
+                run_slots<Isa>(r, w, far, *s, out);
+                return;
+            }
+            if (r.count >= (r.tableStep >> 16) / 2) {
+                run_own_slots<Isa>(r, w, far, out);
+                return;
+            }
+        }
+    }
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);
         if (unity) {
