@@ -83,11 +83,7 @@ pthread_once_t g_rows_once = PTHREAD_ONCE_INIT;
 void fill_rows() {
     SincRows &t = g_rows;
     for (int32_t &v : t.wingPadded) v = 0;
-    for (int32_t &v : t.deltaPadded) v = 0;
-    for (int j = 0; j < kSincWingLength; ++j) {
-        t.wingPadded[SincRows::kPaddedZero + j] = sincWing[j];
-        t.deltaPadded[SincRows::kPaddedZero + j] = sincWingDelta[j];
-    }
+    for (int j = 0; j < kSincWingLength; ++j) t.wingPadded[SincRows::kPaddedZero + j] = sincWing[j];
     for (int p = 0; p <= 128; ++p)
         for (int m = 0; m < 16; ++m) {
             const int j = p + 128 * m;

@@ -74,55 +74,67 @@ struct UnityOutputs {
     alignas(64) int32_t gr2[kChunk];
 };
 
-// Rows and row length of the slot table of a run; false when it would not fit.
+// The shape of the slot table of a run (rows, lanes per row, lanes of the
+// left wing); false when it would not fit.
 template <class Isa>
-bool slot_shape(const SincRun &r, int32_t &rows, int32_t &len) {
+bool slot_shape(const SincRun &r, SlotShape &s) {
     constexpr int L = Isa::kLanes;
-    len = (2 * r.h + 1 + L - 1) / L * L;
-    rows = (static_cast<int32_t>(r.tableStep >> 16) + 2 + L - 1) / L * L;
-    return rows * len <= kSlotCells && rows <= SincRows::kPaddedZero - 2 * L;
+    s.left = (r.h + 1 + L - 1) / L * L;
+    s.len = s.left + (r.h + L - 1) / L * L;
+    s.from = r.h + 1 - s.left;
+    s.rows = (static_cast<int32_t>(r.tableStep >> 16) + 1 + L - 1) / L * L;
+    return s.rows * s.len <= kSlotCells && s.rows <= SincRows::kPaddedZero - 2 * L;
 }
 
 // Fills the slot table of a run that fits, kLanes rows by kLanes lanes at a
 // time: each lane's entries are a run of the wing (rising on the left wing,
 // falling on the right), loaded as a register and turned into row order by
-// Isa::transpose.
+// Isa::transpose. Deltas are taken from the wing itself (delta(j) is
+// W(j+1) - W(j)), which also gives entry -1 its delta W(0).
 template <class Isa>
 void build_slots(const SincRun &r, Slots &s) {
+    using V = typename Isa::V;
     constexpr int L = Isa::kLanes;
-    const int32_t taps = 2 * r.h + 1;
-    slot_shape<Isa>(r, s.rows, s.len);
-    const SincRows &t = sinc_rows();
-    int32_t first[kCoefs];  // padded index of each lane's entry for e = 0
-    for (int32_t w = 0; w < s.len; ++w) {
-        const int32_t k = w <= r.h ? r.h - w : w - r.h;
+    slot_shape<Isa>(r, s);
+    const int32_t *wp = sinc_rows().wingPadded;
+    int32_t base[kCoefs];  // padded index of each lane's entry in row 0; 0 for no tap
+    for (int32_t i = 0; i < s.len; ++i) {
+        const int32_t w = s.from + i;
+        const bool right = i >= s.left;
+        const int32_t k = right ? w - r.h : r.h - w;
         const uint32_t kt = static_cast<uint32_t>(k) * r.tableStep;
-        const bool right = w > r.h && w < taps;
-        s.frac[w] = kt & 0xFFFFu;
-        s.sign[w] = right ? -1 : (w < taps ? 1 : 0);
-        // Past the taps: the zeros before the wing.
-        first[w] = w >= taps ? 0 : SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16);
+        const bool tap = w >= 0 && w <= 2 * r.h;
+        s.frac[i] = static_cast<int32_t>((kt & 0xFFFFu) + (right ? 0x10000u : 0u));
+        base[i] = tap ? SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16) - (right ? 1 : 0) : 0;
     }
-    for (int32_t w0 = 0; w0 < s.len; w0 += L)
+    for (int32_t i0 = 0; i0 < s.len; i0 += L)
         for (int32_t e0 = 0; e0 < s.rows; e0 += L) {
-            typename Isa::V wv[L], dv[L];
+            V wv[L], dv[L], sv[L];
             for (int c = 0; c < L; ++c) {
-                const int32_t w = w0 + c;
-                if (s.sign[w] < 0) {
-                    const int32_t at = first[w] - e0 - (L - 1);
-                    wv[c] = Isa::reverse(Isa::load(t.wingPadded + at));
-                    dv[c] = Isa::reverse(Isa::load(t.deltaPadded + at));
-                } else {
-                    const int32_t at = w < taps ? first[w] + e0 : 0;
-                    wv[c] = Isa::load(t.wingPadded + at);
-                    dv[c] = Isa::load(t.deltaPadded + at);
+                const int32_t i = i0 + c;
+                V w0 = Isa::set1(0), w1 = w0, w2 = w0;
+                if (base[i] != 0 && i >= s.left) {
+                    const int32_t at = base[i] - e0 - (L - 1);
+                    w0 = Isa::reverse(Isa::load(wp + at));
+                    w1 = Isa::reverse(Isa::load(wp + at + 1));
+                    w2 = Isa::reverse(Isa::load(wp + at + 2));
+                } else if (base[i] != 0) {
+                    const int32_t at = base[i] + e0;
+                    w0 = Isa::load(wp + at);
+                    w1 = Isa::load(wp + at + 1);
+                    w2 = Isa::load(wp + at + 2);
                 }
+                wv[c] = w0;
+                dv[c] = Isa::sub(w1, w0);
+                sv[c] = Isa::sub(Isa::sub(w2, w1), dv[c]);
             }
             Isa::transpose(wv);
             Isa::transpose(dv);
+            Isa::transpose(sv);
             for (int c = 0; c < L; ++c) {
-                Isa::store(s.wing + (e0 + c) * s.len + w0, wv[c]);
-                Isa::store(s.delta + (e0 + c) * s.len + w0, dv[c]);
+                Isa::store(s.wing + (e0 + c) * s.len + i0, wv[c]);
+                Isa::store(s.delta + (e0 + c) * s.len + i0, dv[c]);
+                Isa::store(s.slope + (e0 + c) * s.len + i0, sv[c]);
             }
         }
 }
@@ -214,8 +226,8 @@ void run(const SincRun &r, int16_t *out) {
     // whole step keeps one set of coefficients); one built for this block
     // alone only over enough outputs.
     if constexpr (Isa::kSlots) {
-        int32_t rows = 0, len = 0;
-        if (!unity && (r.step & 0xFFFFFFu) != 0 && slot_shape<Isa>(r, rows, len)) {
+        SlotShape shape;
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && slot_shape<Isa>(r, shape)) {
             if (const Slots *s = cached_slots<Isa>(r)) {
                 run_slots<Isa>(r, w, far, *s, out);
                 return;

@@ -15,20 +15,30 @@ constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16 + 16;
 
 // Below 128 entries per tap, tap k of every output lies in the slot
 // [k*T, (k+1)*T) of the table (right wing: [(k-1)*T, k*T)): with
-// t0 = e * 2^16 + q and k*T = K * 2^16 + r, the left tap reads entry
-// K + e + carry(r + q), the right one K - e - borrow(r - q), at fraction
-// (r +- q) mod 2^16. A slot table holds, in window order, the entries of
-// every tap for each e (row e: K + e left, K - e right), so the taps of an
-// output are two contiguous rows, e and e + 1, picked per lane by the
-// carry; `frac` holds r, `sign` the sign of q in the lane's fraction (1 on
-// the left wing, -1 on the right, 0 past the taps).
+// t0 = e * 2^16 + q and k*T = K * 2^16 + r, the left tap sits at
+// (K + e) * 2^16 + r + q, the right one at (K - e - 1) * 2^16 + r + 2^16 - q.
+// So row e of a slot table holds, per lane, the entry B the tap reads when
+// its fraction v = r + q (left) or r + 2^16 - q (right) stays below 2^16,
+// and what changes when v carries into B + 1:
+//   wing  W(B)              step  W(B+1) - W(B) = delta(B)
+//   delta delta(B)          slope delta(B+1) - delta(B)
+// so that the coefficient is, with m all ones on a carry,
+//   W(B) + (m & delta) + (((delta + (m & slope)) * g') >> 16),  g = v mod 2^16,
+// each lane one row of one table whatever its carry, and one add or
+// subtract of q per group for the fractions: the left wing's lanes come
+// first, in groups of their own. Lanes run in window order from
+// `from` = h + 1 - `left` (x[c - h + from + lane]); lanes before the left
+// wing or past the right one have zero entries. Entry -1 (right taps in
+// the slot at 0) counts as zero with delta W(0): it always carries.
 constexpr int32_t kSlotCells = 4096;
-struct Slots {
-    int32_t rows = 0, len = 0;
-    alignas(64) uint32_t frac[kCoefs];
-    alignas(64) int32_t sign[kCoefs];
+struct SlotShape {
+    int32_t rows = 0, len = 0, left = 0, from = 0;
+};
+struct Slots : SlotShape {
+    alignas(64) int32_t frac[kCoefs];
     alignas(64) int32_t wing[kSlotCells];
     alignas(64) int32_t delta[kSlotCells];
+    alignas(64) int32_t slope[kSlotCells];
 };
 
 // A slot table depends on the table step, the half-length and the lanes of

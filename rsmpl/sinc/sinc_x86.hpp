@@ -271,26 +271,32 @@ struct X86 {
         for (int32_t w = taps; w < taps + kLanes; ++w) coef[w] = 0;
     }
 
-    // One output below 128 entries per tap from the block's slot table
-    // (sinc_block.hpp), as lanes to be summed: rows e and e + 1 picked per
-    // lane by the carry of the fraction r + q on the left wing, r - q on the
-    // right. Either way the carry is bit 16 of the 32-bit result (a borrow
-    // sets bits 16..31), moved to the sign for the select.
+    // kLanes taps of one output below 128 entries per tap from a row of
+    // the slot table (sinc_slots.hpp), at fractions v; samples from `at`.
+    [[gnu::always_inline]] static V slot_taps(V v, const int32_t *wing, const int32_t *delta, const int32_t *slope,
+                                               const Window &win, int32_t at) {
+        const V carry = less(set1(0xFFFF), v);
+        const V g = and_(v, set1(0xFFFF));
+        const V d = load(delta);
+        const V c0 = add(load(wing), and_(carry, d));
+        const V c = add(c0, mul_shift16(add(d, and_(carry, load(slope))), add(g, srl(g, 15))));
+        return taps(c, win, at);
+    }
+
+    // One output's taps as lanes to be summed: the left wing's groups at
+    // fractions r + q, the right wing's at r + 2^16 - q.
     [[gnu::always_inline]] static V slot_lanes(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
-        const int32_t *w0 = s.wing + (t0 >> 16) * static_cast<uint32_t>(s.len);
-        const int32_t *d0 = s.delta + (t0 >> 16) * static_cast<uint32_t>(s.len);
+        const uint32_t row = (t0 >> 16) * static_cast<uint32_t>(s.len);
+        const int32_t *wing = s.wing + row, *delta = s.delta + row, *slope = s.slope + row;
         const V q = set1(t0 & 0xFFFFu);
+        const int32_t at = kPad + first + s.from;
         V acc = set1(0);
 #pragma GCC unroll 4
-        for (int32_t i = 0; i < s.len; i += kLanes) {
-            const V sq = add(loadu(s.frac + i), sign(q, load(s.sign + i)));
-            const V next = slli(sq, 15);
-            const V g = and_(sq, set1(0xFFFF));
-            const V wing = select_sign(next, load(w0 + s.len + i), load(w0 + i));
-            const V delta = select_sign(next, load(d0 + s.len + i), load(d0 + i));
-            const V c = add(wing, mul_shift16(delta, add(g, srl(g, 15))));
-            acc = add(acc, taps(c, win, kPad + first + i));
-        }
+        for (int32_t i = 0; i < s.left; i += kLanes)
+            acc = add(acc, slot_taps(add(load(s.frac + i), q), wing + i, delta + i, slope + i, win, at + i));
+#pragma GCC unroll 4
+        for (int32_t i = s.left; i < s.len; i += kLanes)
+            acc = add(acc, slot_taps(sub(load(s.frac + i), q), wing + i, delta + i, slope + i, win, at + i));
         return acc;
     }
 
