@@ -284,18 +284,21 @@ struct X86 {
     }
 
     // One output's taps as lanes to be summed: the left wing's groups at
-    // fractions r + q, the right wing's at r + 2^16 - q.
+    // fractions r + q, the right wing's at r + 2^16 - q. kLeft and kRight
+    // groups per wing, or as the table says when 0.
+    template <int kLeft, int kRight>
     [[gnu::always_inline]] static V slot_lanes(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
-        const uint32_t row = (t0 >> 16) * static_cast<uint32_t>(s.len);
+        const int32_t left = kLeft ? kLeft * kLanes : s.left, len = kLeft ? left + kRight * kLanes : s.len;
+        const uint32_t row = (t0 >> 16) * static_cast<uint32_t>(len);
         const int32_t *wing = s.wing + row, *delta = s.delta + row, *slope = s.slope + row;
         const V q = set1(t0 & 0xFFFFu);
         const int32_t at = kPad + first + s.from;
         V acc = set1(0);
 #pragma GCC unroll 4
-        for (int32_t i = 0; i < s.left; i += kLanes)
+        for (int32_t i = 0; i < left; i += kLanes)
             acc = add(acc, slot_taps(add(load(s.frac + i), q), wing + i, delta + i, slope + i, win, at + i));
 #pragma GCC unroll 4
-        for (int32_t i = s.left; i < s.len; i += kLanes)
+        for (int32_t i = left; i < len; i += kLanes)
             acc = add(acc, slot_taps(sub(load(s.frac + i), q), wing + i, delta + i, slope + i, win, at + i));
         return acc;
     }
@@ -325,15 +328,27 @@ struct X86 {
     }
 
     // The sums of n outputs from the slot table, kLanes reduced together.
-    static void slot_outputs(const Window &win, const Slots &s, const int32_t *first, const uint32_t *t0, uint32_t n,
-                             uint32_t *acc) {
+    template <int kLeft, int kRight>
+    static void slot_outputs_as(const Window &win, const Slots &s, const int32_t *first, const uint32_t *t0, uint32_t n,
+                                uint32_t *acc) {
         uint32_t i = 0;
         for (; i + kLanes <= n; i += kLanes) {
             V each[kLanes];
-            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes(win, first[i + l], s, t0[i + l]);
+            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes<kLeft, kRight>(win, first[i + l], s, t0[i + l]);
             store(reinterpret_cast<int32_t *>(acc + i), sums(each));
         }
-        for (; i < n; ++i) acc[i] = sum(slot_lanes(win, first[i], s, t0[i]));
+        for (; i < n; ++i) acc[i] = sum(slot_lanes<kLeft, kRight>(win, first[i], s, t0[i]));
+    }
+
+    // Ratios from 0.8125 to 1 have 14 to 16 taps per wing: two groups of
+    // eight or four of four each way, unrolled in full.
+    static void slot_outputs(const Window &win, const Slots &s, const int32_t *first, const uint32_t *t0, uint32_t n,
+                             uint32_t *acc) {
+        constexpr int kGroups = 16 / kLanes;
+        if (s.left == kGroups * kLanes && s.len == 2 * kGroups * kLanes)
+            slot_outputs_as<kGroups, kGroups>(win, s, first, t0, n, acc);
+        else
+            slot_outputs_as<0, 0>(win, s, first, t0, n, acc);
     }
 
     static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t n) {
