@@ -517,6 +517,41 @@ TEST(SincBelowOne, ThreadsAtDifferentRatiosAtOnceMatchTheScalarRun) {
     for (size_t t = 0; t < kThreads; ++t) EXPECT_TRUE(diffs[t].empty()) << diffs[t];
 }
 
+// A tap whose fraction lands on the last one of an entry (0xFFFF, which
+// reaches the next entry) or whose slot starts one short of a whole entry:
+// positions picked so that the first output of each run has such a tap.
+TEST(SincBelowOne, FractionsAtTheEndOfAnEntryMatchTheScalarRun) {
+    std::mt19937 rng(9);
+    // 44.1/48; k*T one short of a whole entry at k = 1; near ratio 1; two
+    // between.
+    for (uint32_t tableStep : {0x759999u, 0x75FFFFu, 0x7FFFFFu, 0x6B851Fu, 0x5555FFu}) {
+        const double ratio = tableStep / 8388608.0;
+        const int32_t h = static_cast<int32_t>(13.0 / ratio);
+        std::vector<uint32_t> fractions{0};
+        for (uint32_t f = 0; f < 0x10000 && fractions.size() < 60; ++f) {
+            const uint32_t q = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * tableStep) >> 16) & 0xFFFFu;
+            for (int32_t k = 0; k <= h; ++k) {
+                const uint32_t r = (static_cast<uint32_t>(k) * tableStep) & 0xFFFFu;
+                if (((r + q) & 0xFFFFu) == 0xFFFFu || (k > 0 && ((r - q) & 0xFFFFu) == 0xFFFFu)) {
+                    fractions.push_back(f);
+                    break;
+                }
+            }
+        }
+        ASSERT_GT(fractions.size(), 10u) << tableStep;
+        const std::vector<int16_t> x = rsmpl_test::hostile_samples(static_cast<size_t>(2 * h + 1 + 600), tableStep);
+        for (uint32_t f : fractions)
+            for (const rsmpl::KernelSet *e : rsmpl::available_kernels()) {
+                rsmpl::SincRun run = run_at(ratio, x, (rng() % 400) << 16 | f, 100, 0, 1u << 24);
+                run.tableStep = tableStep;
+                std::vector<int16_t> want(run.count), got(run.count);
+                rsmpl::sinc_run_scalar(run, want.data());
+                e->sinc(run, got.data());
+                ASSERT_EQ(got, want) << e->name << ", table step " << tableStep << ", p0 " << run.p0;
+            }
+    }
+}
+
 // Whole streams through the interpolator, several contexts at different
 // ratios on several threads at once, give what each gives alone: which
 // tables a run finds never shows in its output.

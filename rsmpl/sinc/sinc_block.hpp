@@ -104,12 +104,13 @@ void build_slots(const SincRun &r, Slots &s) {
         const int32_t k = right ? w - r.h : r.h - w;
         const uint32_t kt = static_cast<uint32_t>(k) * r.tableStep;
         const bool tap = w >= 0 && w <= 2 * r.h;
-        s.frac[i] = static_cast<int32_t>((kt & 0xFFFFu) + (right ? 0x10000u : 0u));
-        base[i] = tap ? SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16) - (right ? 1 : 0) : 0;
+        const bool low = right && (kt & 0xFFFFu) != 0xFFFFu;  // the right wing's slot below K
+        s.frac[i] = static_cast<int32_t>((kt & 0xFFFFu) + (low ? 0x10000u : 0u));
+        base[i] = tap ? SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16) - (low ? 1 : 0) : 0;
     }
     for (int32_t i0 = 0; i0 < s.len; i0 += L)
         for (int32_t e0 = 0; e0 < s.rows; e0 += L) {
-            V wv[L], dv[L], sv[L];
+            V wv[L], tv[L], dv[L], sv[L];
             for (int c = 0; c < L; ++c) {
                 const int32_t i = i0 + c;
                 V w0 = Isa::set1(0), w1 = w0, w2 = w0;
@@ -124,15 +125,19 @@ void build_slots(const SincRun &r, Slots &s) {
                     w1 = Isa::load(wp + at + 1);
                     w2 = Isa::load(wp + at + 2);
                 }
-                wv[c] = w0;
-                dv[c] = Isa::sub(w1, w0);
-                sv[c] = Isa::sub(Isa::sub(w2, w1), dv[c]);
+                const V d0 = Isa::sub(w1, w0), d1 = Isa::sub(w2, w1);
+                wv[c] = Isa::add(w0, Isa::slli(Isa::srai(d0, 16), 15));
+                tv[c] = Isa::sub(Isa::add(w1, Isa::slli(Isa::srai(d1, 16), 15)), wv[c]);
+                dv[c] = d0;
+                sv[c] = Isa::sub(d1, d0);
             }
             Isa::transpose(wv);
+            Isa::transpose(tv);
             Isa::transpose(dv);
             Isa::transpose(sv);
             for (int c = 0; c < L; ++c) {
                 Isa::store(s.wing + (e0 + c) * s.len + i0, wv[c]);
+                Isa::store(s.step + (e0 + c) * s.len + i0, tv[c]);
                 Isa::store(s.delta + (e0 + c) * s.len + i0, dv[c]);
                 Isa::store(s.slope + (e0 + c) * s.len + i0, sv[c]);
             }

@@ -16,27 +16,38 @@ constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16 + 16;
 // Below 128 entries per tap, tap k of every output lies in the slot
 // [k*T, (k+1)*T) of the table (right wing: [(k-1)*T, k*T)): with
 // t0 = e * 2^16 + q and k*T = K * 2^16 + r, the left tap sits at
-// (K + e) * 2^16 + r + q, the right one at (K - e - 1) * 2^16 + r + 2^16 - q.
-// So row e of a slot table holds, per lane, the entry B the tap reads when
-// its fraction v = r + q (left) or r + 2^16 - q (right) stays below 2^16,
-// and what changes when v carries into B + 1:
-//   wing  W(B)              step  W(B+1) - W(B) = delta(B)
-//   delta delta(B)          slope delta(B+1) - delta(B)
-// so that the coefficient is, with m all ones on a carry,
-//   W(B) + (m & delta) + (((delta + (m & slope)) * g') >> 16),  g = v mod 2^16,
-// each lane one row of one table whatever its carry, and one add or
-// subtract of q per group for the fractions: the left wing's lanes come
-// first, in groups of their own. Lanes run in window order from
+// (K + e) * 2^16 + r + q, the right one at (K - e - 1) * 2^16 + r + 2^16 - q
+// (at (K - e) * 2^16 + r - q when r is 0xFFFF). So row e of a slot table
+// holds, per lane, the entry B the tap reads while its fraction v (r + q,
+// or r + 2^16 - q, below 2^17 - 1 either way) stays below 0xFFFF, and what
+// changes when it reaches B + 1. With m all ones from v = 0xFFFF on, the
+// coefficient is
+//   c = W(B or B+1) + (d * g') >> 16,  d = delta(B) + (m & slope),
+//   g = v mod 2^16, g' = g + (g >> 15),
+// where v = 0xFFFF stands for B + 1 at fraction 0, exactly the value of B
+// at fraction 0xFFFF (W(B) + delta(B) = W(B+1)). That lets (d * g') >> 16
+// split into 16-bit products with g' below 2^16:
+//   (d >> 16) * (g' - 2^15) + ((d & 0xFFFF) * g') >> 16 + (d >> 16) * 2^15,
+// the first a pmaddwd of d with [0 | g' - 2^15], the second an unsigned
+// mulhi, the third kept in the wing: `wing` holds W(B) + (delta(B) >> 16)
+// * 2^15 and `step` what that becomes at B + 1, minus it. At v = 0xFFFF,
+// g' = 2^16 makes both products read zero and the sum is W(B+1).
+//   wing  W(B) + (delta(B) >> 16) * 2^15     step  wing(B+1) - wing(B)
+//   delta delta(B)                           slope delta(B+1) - delta(B)
+// Each lane reads one row of each array whatever its carry, and its
+// fractions need one add or subtract of q per group: the left wing's lanes
+// come first, in groups of their own. Lanes run in window order from
 // `from` = h + 1 - `left` (x[c - h + from + lane]); lanes before the left
-// wing or past the right one have zero entries. Entry -1 (right taps in
-// the slot at 0) counts as zero with delta W(0): it always carries.
-constexpr int32_t kSlotCells = 4096;
+// wing or past the right one have zero entries. Entry -1 (right taps in the
+// slot at 0) counts as zero with delta W(0): it always carries.
+constexpr int32_t kSlotCells = 5120;  // enough for every ratio from 1/8 to 1
 struct SlotShape {
     int32_t rows = 0, len = 0, left = 0, from = 0;
 };
 struct Slots : SlotShape {
     alignas(64) int32_t frac[kCoefs];
     alignas(64) int32_t wing[kSlotCells];
+    alignas(64) int32_t step[kSlotCells];
     alignas(64) int32_t delta[kSlotCells];
     alignas(64) int32_t slope[kSlotCells];
 };

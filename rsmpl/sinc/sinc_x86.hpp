@@ -31,6 +31,7 @@ struct X86 {
     static V add(V a, V b) { return _mm256_add_epi32(a, b); }
     static V sub(V a, V b) { return _mm256_sub_epi32(a, b); }
     static V and_(V a, V b) { return _mm256_and_si256(a, b); }
+    static V xor_(V a, V b) { return _mm256_xor_si256(a, b); }
     static V mullo(V a, V b) { return _mm256_mullo_epi32(a, b); }
     static V srl(V a, int n) { return _mm256_srli_epi32(a, n); }
     static V less(V a, V b) { return _mm256_cmpgt_epi32(b, a); }
@@ -116,6 +117,7 @@ struct X86 {
     static V add(V a, V b) { return _mm_add_epi32(a, b); }
     static V sub(V a, V b) { return _mm_sub_epi32(a, b); }
     static V and_(V a, V b) { return _mm_and_si128(a, b); }
+    static V xor_(V a, V b) { return _mm_xor_si128(a, b); }
     static V mullo(V a, V b) { return _mm_mullo_epi32(a, b); }
     static V srl(V a, int n) { return _mm_srli_epi32(a, n); }
     static V less(V a, V b) { return _mm_cmplt_epi32(a, b); }
@@ -273,13 +275,14 @@ struct X86 {
 
     // kLanes taps of one output below 128 entries per tap from a row of
     // the slot table (sinc_slots.hpp), at fractions v; samples from `at`.
-    [[gnu::always_inline]] static V slot_taps(V v, const int32_t *wing, const int32_t *delta, const int32_t *slope,
-                                               const Window &win, int32_t at) {
-        const V carry = less(set1(0xFFFF), v);
+    [[gnu::always_inline]] static V slot_taps(V v, const int32_t *wing, const int32_t *step, const int32_t *delta,
+                                               const int32_t *slope, const Window &win, int32_t at) {
+        const V carry = less(set1(0xFFFE), v);
         const V g = and_(v, set1(0xFFFF));
-        const V d = load(delta);
-        const V c0 = add(load(wing), and_(carry, d));
-        const V c = add(c0, mul_shift16(add(d, and_(carry, load(slope))), add(g, srl(g, 15))));
+        const V gw = add(g, srl(g, 15));
+        const V d = add(load(delta), and_(carry, load(slope)));
+        const V products = add(madd16(d, xor_(slli(gw, 16), set1(0x80000000u))), mulhiu16(d, gw));
+        const V c = add(add(load(wing), and_(carry, load(step))), products);
         return taps(c, win, at);
     }
 
@@ -290,16 +293,16 @@ struct X86 {
     [[gnu::always_inline]] static V slot_lanes(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
         const int32_t left = kLeft ? kLeft * kLanes : s.left, len = kLeft ? left + kRight * kLanes : s.len;
         const uint32_t row = (t0 >> 16) * static_cast<uint32_t>(len);
-        const int32_t *wing = s.wing + row, *delta = s.delta + row, *slope = s.slope + row;
+        const int32_t *wing = s.wing + row, *step = s.step + row, *delta = s.delta + row, *slope = s.slope + row;
         const V q = set1(t0 & 0xFFFFu);
         const int32_t at = kPad + first + s.from;
         V acc = set1(0);
 #pragma GCC unroll 4
         for (int32_t i = 0; i < left; i += kLanes)
-            acc = add(acc, slot_taps(add(load(s.frac + i), q), wing + i, delta + i, slope + i, win, at + i));
+            acc = add(acc, slot_taps(add(load(s.frac + i), q), wing + i, step + i, delta + i, slope + i, win, at + i));
 #pragma GCC unroll 4
         for (int32_t i = left; i < len; i += kLanes)
-            acc = add(acc, slot_taps(sub(load(s.frac + i), q), wing + i, delta + i, slope + i, win, at + i));
+            acc = add(acc, slot_taps(sub(load(s.frac + i), q), wing + i, step + i, delta + i, slope + i, win, at + i));
         return acc;
     }
 
