@@ -136,10 +136,11 @@ void build_slots(const SincRun &r, Slots &s) {
             Isa::transpose(dv);
             Isa::transpose(sv);
             for (int c = 0; c < L; ++c) {
-                Isa::store(s.wing + (e0 + c) * s.len + i0, wv[c]);
-                Isa::store(s.step + (e0 + c) * s.len + i0, tv[c]);
-                Isa::store(s.delta + (e0 + c) * s.len + i0, dv[c]);
-                Isa::store(s.slope + (e0 + c) * s.len + i0, sv[c]);
+                int32_t *cell = s.cells + 4 * ((e0 + c) * s.len + i0);
+                Isa::store(cell, wv[c]);
+                Isa::store(cell + L, tv[c]);
+                Isa::store(cell + 2 * L, dv[c]);
+                Isa::store(cell + 3 * L, sv[c]);
             }
         }
 }

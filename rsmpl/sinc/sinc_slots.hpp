@@ -44,12 +44,13 @@ constexpr int32_t kSlotCells = 5120;  // enough for every ratio from 1/8 to 1
 struct SlotShape {
     int32_t rows = 0, len = 0, left = 0, from = 0;
 };
+// The four arrays are interleaved by groups of lanes, so that an output
+// reads one stretch of memory from one pointer: group j of row e holds
+// wing, step, delta and slope of its lanes one after the other at
+// cells + 4 * (e * len + j * lanes).
 struct Slots : SlotShape {
     alignas(64) int32_t frac[kCoefs];
-    alignas(64) int32_t wing[kSlotCells];
-    alignas(64) int32_t step[kSlotCells];
-    alignas(64) int32_t delta[kSlotCells];
-    alignas(64) int32_t slope[kSlotCells];
+    alignas(64) int32_t cells[4 * kSlotCells];
 };
 
 // A slot table depends on the table step, the half-length and the lanes of

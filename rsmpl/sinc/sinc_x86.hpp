@@ -275,8 +275,8 @@ struct X86 {
 
     // kLanes taps of one output below 128 entries per tap from a row of
     // the slot table (sinc_slots.hpp), at fractions v; samples from `at`.
-    [[gnu::always_inline]] static V slot_taps(V v, const int32_t *wing, const int32_t *step, const int32_t *delta,
-                                               const int32_t *slope, const Window &win, int32_t at) {
+    [[gnu::always_inline]] static V slot_taps(V v, const int32_t *cell, const Window &win, int32_t at) {
+        const int32_t *wing = cell, *step = cell + kLanes, *delta = cell + 2 * kLanes, *slope = cell + 3 * kLanes;
         const V carry = less(set1(0xFFFE), v);
         const V g = and_(v, set1(0xFFFF));
         const V gw = add(g, srl(g, 15));
@@ -292,17 +292,16 @@ struct X86 {
     template <int kLeft, int kRight>
     [[gnu::always_inline]] static V slot_lanes(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
         const int32_t left = kLeft ? kLeft * kLanes : s.left, len = kLeft ? left + kRight * kLanes : s.len;
-        const uint32_t row = (t0 >> 16) * static_cast<uint32_t>(len);
-        const int32_t *wing = s.wing + row, *step = s.step + row, *delta = s.delta + row, *slope = s.slope + row;
+        const int32_t *row = s.cells + 4 * (t0 >> 16) * static_cast<uint32_t>(len);
         const V q = set1(t0 & 0xFFFFu);
         const int32_t at = kPad + first + s.from;
         V acc = set1(0);
 #pragma GCC unroll 4
         for (int32_t i = 0; i < left; i += kLanes)
-            acc = add(acc, slot_taps(add(load(s.frac + i), q), wing + i, step + i, delta + i, slope + i, win, at + i));
+            acc = add(acc, slot_taps(add(load(s.frac + i), q), row + 4 * i, win, at + i));
 #pragma GCC unroll 4
         for (int32_t i = left; i < len; i += kLanes)
-            acc = add(acc, slot_taps(sub(load(s.frac + i), q), wing + i, step + i, delta + i, slope + i, win, at + i));
+            acc = add(acc, slot_taps(sub(load(s.frac + i), q), row + 4 * i, win, at + i));
         return acc;
     }
 
