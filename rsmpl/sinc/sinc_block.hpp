@@ -163,6 +163,16 @@ const Slots *cached_slots(const SincRun &r) {
     return nullptr;
 }
 
+// Where each output of a chunk reads in a slot table: its first sample in
+// the window, its row (as an offset into Slots::cells) and q, for
+// t0 = e * 2^16 + q. Worked out for the whole chunk first, like
+// UnityOutputs.
+struct SlotOutputs {
+    alignas(64) int32_t at[kChunk];
+    alignas(64) uint32_t row[kChunk];
+    alignas(64) uint32_t q[kChunk];
+};
+
 // The plain form of Isa::where: entries from .. n-1 of a chunk of a run at
 // 128 entries per tap (output base + j at j), centres capped at `far`.
 template <int kFractionShift>
@@ -185,14 +195,13 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
 template <class Isa>
 [[gnu::noinline]] void run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, const Slots &table,
                                  int16_t *out) {
-    alignas(64) int32_t first[kChunk];
-    alignas(64) uint32_t t0s[kChunk];
+    SlotOutputs o;
     alignas(64) uint32_t acc[kChunk];
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);
         // Where each output reads first, so the sums run back to back.
-        Isa::slot_where(r, base, n, far, first, t0s);
-        Isa::slot_outputs(w, table, first, t0s, n, acc);
+        Isa::slot_where(r, base, n, far, table, o);
+        Isa::slot_outputs(w, table, o, n, acc);
         Isa::finish(acc, n, r.gain, r.shift, out + base);
     }
 }

@@ -290,11 +290,11 @@ struct X86 {
     // fractions r + q, the right wing's at r + 2^16 - q. kLeft and kRight
     // groups per wing, or as the table says when 0.
     template <int kLeft, int kRight>
-    [[gnu::always_inline]] static V slot_lanes(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
+    [[gnu::always_inline]] static V slot_lanes(const Window &win, const Slots &s, const SlotOutputs &o, uint32_t j) {
         const int32_t left = kLeft ? kLeft * kLanes : s.left, len = kLeft ? left + kRight * kLanes : s.len;
-        const int32_t *row = s.cells + 4 * (t0 >> 16) * static_cast<uint32_t>(len);
-        const V q = set1(t0 & 0xFFFFu);
-        const int32_t at = kPad + first + s.from;
+        const int32_t *row = s.cells + o.row[j];
+        const V q = set1(o.q[j]);
+        const int32_t at = o.at[j];
         V acc = set1(0);
 #pragma GCC unroll 4
         for (int32_t i = 0; i < left; i += kLanes)
@@ -305,52 +305,57 @@ struct X86 {
         return acc;
     }
 
-    // First window sample and t0 of outputs base .. base + n - 1 (n < 2^16
-    // in all), kLanes at a time: sinc_advance and (f' * T) >> 16 in lanes,
-    // the latter below 2^40 before the shift, so taken in 64 bits.
-    static void slot_where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, int32_t *first, uint32_t *t0) {
+    // Where outputs base .. base + n - 1 (n < 2^16 in all) read in the slot
+    // table, kLanes at a time: sinc_advance and t0 = (f' * T) >> 16 in
+    // lanes, the latter below 2^40 before the shift, so taken in 64 bits.
+    static void slot_where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, const SlotShape &s,
+                           SlotOutputs &o) {
         const V whole = set1((r.step >> 16) << 8), part = set1(r.step & 0xFFFFu), table = set1(r.tableStep);
         const V p0 = set1(r.p0), h = set1(static_cast<uint32_t>(r.h)), farv = set1(static_cast<uint32_t>(far));
+        const V from = set1(static_cast<uint32_t>(kPad + s.from - r.h));
+        const V rowCells = set1(4 * static_cast<uint32_t>(s.len));
         uint32_t j = 0;
         for (; j + kLanes <= n; j += kLanes) {
             const V m = add(lanes(), set1(base + j));
             const V p = add(add(p0, mullo(whole, m)), srl(add(mullo(part, m), set1(128)), 8));
-            store(first + j, sub(min(add(srl(p, 16), h), farv), h));
+            store(o.at + j, add(min(add(srl(p, 16), h), farv), from));
             const V f = and_(p, set1(0xFFFF));
             const V fw = add(f, srl(f, 15));
             const V even = srl64(mulu64(fw, table), 16), odd = sll64(mulu64(odd_down(fw), table), 16);
-            store(reinterpret_cast<int32_t *>(t0 + j), blend_odd(even, odd));
+            const V t0 = blend_odd(even, odd);
+            store(reinterpret_cast<int32_t *>(o.row + j), mullo(srl(t0, 16), rowCells));
+            store(reinterpret_cast<int32_t *>(o.q + j), and_(t0, set1(0xFFFF)));
         }
         for (; j < n; ++j) {
             const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
-            first[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) - r.h;
+            o.at[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) + kPad + s.from - r.h;
             const uint32_t f = p & 0xFFFFu;
-            t0[j] = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+            const auto t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+            o.row[j] = 4 * (t0 >> 16) * static_cast<uint32_t>(s.len);
+            o.q[j] = t0 & 0xFFFFu;
         }
     }
 
     // The sums of n outputs from the slot table, kLanes reduced together.
     template <int kLeft, int kRight>
-    static void slot_outputs_as(const Window &win, const Slots &s, const int32_t *first, const uint32_t *t0, uint32_t n,
-                                uint32_t *acc) {
+    static void slot_outputs_as(const Window &win, const Slots &s, const SlotOutputs &o, uint32_t n, uint32_t *acc) {
         uint32_t i = 0;
         for (; i + kLanes <= n; i += kLanes) {
             V each[kLanes];
-            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes<kLeft, kRight>(win, first[i + l], s, t0[i + l]);
+            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes<kLeft, kRight>(win, s, o, i + l);
             store(reinterpret_cast<int32_t *>(acc + i), sums(each));
         }
-        for (; i < n; ++i) acc[i] = sum(slot_lanes<kLeft, kRight>(win, first[i], s, t0[i]));
+        for (; i < n; ++i) acc[i] = sum(slot_lanes<kLeft, kRight>(win, s, o, i));
     }
 
     // Ratios from 0.8125 to 1 have 14 to 16 taps per wing: two groups of
     // eight or four of four each way, unrolled in full.
-    static void slot_outputs(const Window &win, const Slots &s, const int32_t *first, const uint32_t *t0, uint32_t n,
-                             uint32_t *acc) {
+    static void slot_outputs(const Window &win, const Slots &s, const SlotOutputs &o, uint32_t n, uint32_t *acc) {
         constexpr int kGroups = 16 / kLanes;
         if (s.left == kGroups * kLanes && s.len == 2 * kGroups * kLanes)
-            slot_outputs_as<kGroups, kGroups>(win, s, first, t0, n, acc);
+            slot_outputs_as<kGroups, kGroups>(win, s, o, n, acc);
         else
-            slot_outputs_as<0, 0>(win, s, first, t0, n, acc);
+            slot_outputs_as<0, 0>(win, s, o, n, acc);
     }
 
     static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t n) {
