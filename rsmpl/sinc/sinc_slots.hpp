@@ -59,7 +59,9 @@ struct Slots : SlotShape {
 // free, else the table's key (slot_key) with kSlotReady or kSlotBuilding in
 // the low bits. An entry is claimed once and never given back, so a reader
 // holding a ready table is never raced by a rebuild; when all are taken by
-// other ratios, the caller builds its own table as before.
+// other ratios, or a table is still being built by another thread, the
+// caller builds its own for the block, on its stack. An entry is 81 KB of
+// .bss, touched only once claimed (about 61 KB at 48000 -> 44100).
 constexpr uint64_t kSlotBuilding = 1, kSlotReady = 2, kSlotStatus = 3;
 struct SlotEntry {
     std::atomic<uint64_t> key{0};
@@ -69,7 +71,8 @@ constexpr int kSlotEntries = 4;
 extern SlotEntry slotCache[kSlotEntries];  // defined in sinc.cpp
 
 inline uint64_t slot_key(uint32_t tableStep, int32_t h, int lanes) {
-    return uint64_t{tableStep} << 32 | uint64_t{static_cast<uint32_t>(h)} << 16 | uint64_t{static_cast<uint32_t>(lanes)} << 8;
+    return uint64_t{tableStep} << 32 | uint64_t{static_cast<uint32_t>(h)} << 16 |
+           uint64_t{static_cast<uint32_t>(lanes)} << 8;
 }
 
 }  // namespace rsmpl::sinc

@@ -82,14 +82,8 @@ struct X86 {
         *wing = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWing), j, 4);
         *delta = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWingDelta), j, 4);
     }
-    static V sign(V a, V b) { return _mm256_sign_epi32(a, b); }
     static V mulu64(V a, V b) { return _mm256_mul_epu32(a, b); }
     static V odd_down(V a) { return _mm256_shuffle_epi32(a, 0xF5); }
-    // a where the lane's sign bit is set, else b: a bit select, no arithmetic.
-    static V select_sign(V s, V a, V b) {
-        return _mm256_castps_si256(
-            _mm256_blendv_ps(_mm256_castsi256_ps(b), _mm256_castsi256_ps(a), _mm256_castsi256_ps(s)));
-    }
     static V slli(V a, int n) { return _mm256_slli_epi32(a, n); }
     // The lane sums of eight registers, register i's in lane i.
     static V sums(const V *a) {
@@ -157,12 +151,8 @@ struct X86 {
         *wing = _mm_setr_epi32(sincWing[i[0]], sincWing[i[1]], sincWing[i[2]], sincWing[i[3]]);
         *delta = _mm_setr_epi32(sincWingDelta[i[0]], sincWingDelta[i[1]], sincWingDelta[i[2]], sincWingDelta[i[3]]);
     }
-    static V sign(V a, V b) { return _mm_sign_epi32(a, b); }
     static V mulu64(V a, V b) { return _mm_mul_epu32(a, b); }
     static V odd_down(V a) { return _mm_shuffle_epi32(a, 0xF5); }
-    static V select_sign(V s, V a, V b) {
-        return _mm_castps_si128(_mm_blendv_ps(_mm_castsi128_ps(b), _mm_castsi128_ps(a), _mm_castsi128_ps(s)));
-    }
     static V slli(V a, int n) { return _mm_slli_epi32(a, n); }
     // The lane sums of four registers, register i's in lane i.
     static V sums(const V *a) {
@@ -348,8 +338,8 @@ struct X86 {
         for (; i < n; ++i) acc[i] = sum(slot_lanes<kLeft, kRight>(win, s, o, i));
     }
 
-    // Ratios from 0.8125 to 1 have 14 to 16 taps per wing: two groups of
-    // eight or four of four each way, unrolled in full.
+    // Ratios from 0.8125 to 1 (half-lengths 13 to 15) fill two groups of
+    // eight or four of four per wing: those unrolled in full.
     static void slot_outputs(const Window &win, const Slots &s, const SlotOutputs &o, uint32_t n, uint32_t *acc) {
         constexpr int kGroups = 16 / kLanes;
         if (s.left == kGroups * kLanes && s.len == 2 * kGroups * kLanes)
