@@ -3,10 +3,15 @@
 // ratio changes, and history safety at the extremes.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
+#include <random>
+#include <string>
+#include <thread>
 #include <vector>
 
+#include "rsmpl/engine/engine.hpp"
 #include "rsmpl/interface/context.hpp"
 #include <rsmpl/rsmpl.h>
 #include "rsmpl/sinc/sinc_kernel.hpp"
@@ -430,6 +435,152 @@ TEST(SincGain, ConstantInputComesBackAtEveryRatio) {
             const uint32_t k = RSMPLSincInterpolate(&ctx, in.data(), out.data(), 1000);
             for (uint32_t n = 0; n < k; ++n) ASSERT_NEAR(out[n], c, c == INT16_MAX ? 7 : 2) << n;
         }
+    }
+}
+
+// ---- Ratios below 1 in every engine ------------------------------------------
+
+// Below ratio 1 with a fraction that moves from output to output, the vector
+// engines read coefficients from tables kept per ratio for the whole process,
+// a few of them; further ratios, and tables still being built by another
+// thread, take another way. Whichever way a run goes, it must give what the
+// scalar run gives.
+
+// The parameters the interpolator uses at `ratio` (output over input rate).
+rsmpl::SincRun run_at(double ratio, const std::vector<int16_t> &x, uint32_t p0, uint32_t count, int shift,
+                      uint32_t gain) {
+    const double inv = 1.0 / ratio;
+    const int32_t h = static_cast<int32_t>(inv * 13.0);
+    const auto step = static_cast<uint32_t>(std::lround(inv * 16777216.0));
+    const auto tableStep = static_cast<uint32_t>(std::lround(ratio * 128.0 * 65536.0));
+    return {x.data(), static_cast<int32_t>(x.size()), h, p0, step, tableStep, gain, shift, count};
+}
+
+// Runs at one ratio through every vector engine against the scalar run: a
+// full block, then short runs (down to one output) at random positions and
+// shifts. Empty when all agree, else what differed.
+std::string engines_against_scalar(double ratio, uint32_t seed, int shortRuns) {
+    std::mt19937 rng(seed);
+    const int32_t h = static_cast<int32_t>(13.0 / ratio);
+    const int32_t block = RSMPL_HISTORY_SAMPLES - (2 * h + 1);
+    const std::vector<int16_t> x = rsmpl_test::hostile_samples(static_cast<size_t>(2 * h + 1 + block), seed);
+    for (const rsmpl::KernelSet *e : rsmpl::available_kernels()) {
+        if (e->id == rsmpl::EngineId::scalar) continue;
+        for (int i = 0; i <= shortRuns; ++i) {
+            const uint32_t p0 = i == 0 ? 0 : rng() % (static_cast<uint32_t>(block) << 16);
+            uint32_t count = 1 + rng() % 40;
+            if (i == 0)  // every output whose centre lies in the block
+                while ((rsmpl::sinc_advance(run_at(ratio, x, 0, 0, 0, 0).step, count) >> 16) < static_cast<uint32_t>(block))
+                    ++count;
+            const rsmpl::SincRun run = run_at(ratio, x, p0, count, static_cast<int>(rng() % 3), 1 + rng() % (1u << 24));
+            std::vector<int16_t> want(count + 4, 0x5A5A), got(count + 4, 0x5A5A);
+            rsmpl::sinc_run_scalar(run, want.data());
+            e->sinc(run, got.data());
+            if (got != want)
+                return std::string(e->name) + " at ratio " + std::to_string(ratio) + ", p0 " + std::to_string(p0) +
+                       ", count " + std::to_string(count);
+        }
+    }
+    return {};
+}
+
+// Ratios from 1 down to about 1/2 whose steps are no whole number of samples.
+const double kMovingRatios[] = {0.99995, 44100.0 / 48000, 0.9, 0.85,       0.8,  0.77,
+                                0.7,     0.65,            0.6, 32000.0 / 48000, 0.55, 0.51};
+
+TEST(SincBelowOne, RatiosInTurnAndAgainMatchTheScalarRun) {
+    // More ratios than tables kept, each visited twice: the first visits fill
+    // the tables, later ones find theirs or none.
+    for (int pass = 0; pass < 2; ++pass)
+        for (double r : kMovingRatios) {
+            const std::string diff = engines_against_scalar(r, static_cast<uint32_t>(r * 1e6) + pass, 30);
+            ASSERT_TRUE(diff.empty()) << diff << ", pass " << pass;
+        }
+}
+
+TEST(SincBelowOne, ThreadsAtDifferentRatiosAtOnceMatchTheScalarRun) {
+    constexpr size_t kThreads = std::size(kMovingRatios);
+    std::vector<std::string> diffs(kThreads);
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            while (!go.load()) std::this_thread::yield();
+            // Two ratios per thread, shared with a neighbour: tables are
+            // claimed, built and read by several threads at once.
+            for (int round = 0; round < 4 && diffs[t].empty(); ++round)
+                diffs[t] = engines_against_scalar(kMovingRatios[(t + round % 2) % kThreads],
+                                                  static_cast<uint32_t>(100 * t + round), 10);
+        });
+    go = true;
+    for (auto &th : threads) th.join();
+    for (size_t t = 0; t < kThreads; ++t) EXPECT_TRUE(diffs[t].empty()) << diffs[t];
+}
+
+// A tap whose fraction lands on the last one of an entry (0xFFFF, which
+// reaches the next entry) or whose slot starts one short of a whole entry:
+// positions picked so that the first output of each run has such a tap.
+TEST(SincBelowOne, FractionsAtTheEndOfAnEntryMatchTheScalarRun) {
+    std::mt19937 rng(9);
+    // 44.1/48; k*T one short of a whole entry at k = 1; near ratio 1; two
+    // between.
+    for (uint32_t tableStep : {0x759999u, 0x75FFFFu, 0x7FFFFFu, 0x6B851Fu, 0x5555FFu}) {
+        const double ratio = tableStep / 8388608.0;
+        const int32_t h = static_cast<int32_t>(13.0 / ratio);
+        std::vector<uint32_t> fractions{0};
+        for (uint32_t f = 0; f < 0x10000 && fractions.size() < 60; ++f) {
+            const uint32_t q = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * tableStep) >> 16) & 0xFFFFu;
+            for (int32_t k = 0; k <= h; ++k) {
+                const uint32_t r = (static_cast<uint32_t>(k) * tableStep) & 0xFFFFu;
+                if (((r + q) & 0xFFFFu) == 0xFFFFu || (k > 0 && ((r - q) & 0xFFFFu) == 0xFFFFu)) {
+                    fractions.push_back(f);
+                    break;
+                }
+            }
+        }
+        ASSERT_GT(fractions.size(), 10u) << tableStep;
+        const std::vector<int16_t> x = rsmpl_test::hostile_samples(static_cast<size_t>(2 * h + 1 + 600), tableStep);
+        for (uint32_t f : fractions)
+            for (const rsmpl::KernelSet *e : rsmpl::available_kernels()) {
+                rsmpl::SincRun run = run_at(ratio, x, (rng() % 400) << 16 | f, 100, 0, 1u << 24);
+                run.tableStep = tableStep;
+                std::vector<int16_t> want(run.count), got(run.count);
+                rsmpl::sinc_run_scalar(run, want.data());
+                e->sinc(run, got.data());
+                ASSERT_EQ(got, want) << e->name << ", table step " << tableStep << ", p0 " << run.p0;
+            }
+    }
+}
+
+// Whole streams through the interpolator, several contexts at different
+// ratios on several threads at once, give what each gives alone: which
+// tables a run finds never shows in its output.
+std::vector<int16_t> stream_at(float ratio, uint32_t seed) {
+    RSMPL_Ctx ctx = fresh();
+    RSMPLSetResampleRatio(&ctx, nullptr, nullptr, nullptr, ratio);
+    const auto in = rsmpl_test::hostile_samples(30000, seed);
+    const auto blocks = rsmpl_test::random_blocks(static_cast<int64_t>(in.size()), 30, 1440, 1, seed);
+    std::vector<int16_t> result, out(1500);
+    size_t at = 0;
+    for (int32_t b : blocks) {
+        const uint32_t k = RSMPLSincInterpolate(&ctx, in.data() + at, out.data(), static_cast<uint32_t>(b));
+        result.insert(result.end(), out.begin(), out.begin() + k);
+        at += static_cast<size_t>(b);
+    }
+    return result;
+}
+
+TEST(SincBelowOne, StreamsAtOnceEqualStreamsAlone) {
+    constexpr size_t kStreams = std::size(kMovingRatios);
+    std::vector<std::vector<int16_t>> together(kStreams);
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < kStreams; ++t)
+        threads.emplace_back([&, t] { together[t] = stream_at(static_cast<float>(kMovingRatios[t]), 40 + t); });
+    for (auto &th : threads) th.join();
+    for (size_t t = 0; t < kStreams; ++t) {
+        const auto alone = stream_at(static_cast<float>(kMovingRatios[t]), 40 + static_cast<uint32_t>(t));
+        ASSERT_GT(alone.size(), 10000u);
+        EXPECT_EQ(together[t], alone) << "ratio " << kMovingRatios[t];
     }
 }
 

@@ -34,6 +34,7 @@
 #include <rsmpl/rsmpl.h>
 #include <rsmpl/rsmpl_util.h>
 #include "rsmpl/sinc/sinc_kernel.hpp"
+#include "rsmpl/sinc/sinc_slots.hpp"
 #include "util/fixed.hpp"
 
 namespace rsmpl {
@@ -82,11 +83,7 @@ pthread_once_t g_rows_once = PTHREAD_ONCE_INIT;
 void fill_rows() {
     SincRows &t = g_rows;
     for (int32_t &v : t.wingPadded) v = 0;
-    for (int32_t &v : t.deltaPadded) v = 0;
-    for (int j = 0; j < kSincWingLength; ++j) {
-        t.wingPadded[SincRows::kPaddedZero + j] = sincWing[j];
-        t.deltaPadded[SincRows::kPaddedZero + j] = sincWingDelta[j];
-    }
+    for (int j = 0; j < kSincWingLength; ++j) t.wingPadded[SincRows::kPaddedZero + j] = sincWing[j];
     for (int p = 0; p <= 128; ++p)
         for (int m = 0; m < 16; ++m) {
             const int j = p + 128 * m;
@@ -107,6 +104,9 @@ const SincRows &sinc_rows() {
     pthread_once(&g_rows_once, fill_rows);
     return g_rows;
 }
+
+// Zero until claimed: in .bss, so only the entries in use take memory.
+constinit sinc::SlotEntry sinc::slotCache[sinc::kSlotEntries]{};
 
 }  // namespace rsmpl
 

@@ -13,7 +13,9 @@
 //     (Isa::coefs) and kept while the fraction repeats, as it does at every
 //     whole step (1/2, 1/3, ...); Isa::dot then sums against the samples;
 //   - below with a fraction that moves, engines with Isa::kSlots read each
-//     output's coefficients from the block's slot table (Slots) instead.
+//     output's coefficients from the ratio's slot table (sinc_slots.hpp)
+//     instead, kept for the process or, when none is free, built for the
+//     block.
 //
 // Per tap, as the scalar form: coefficient wing[j] + ((delta[j] * g') >> 16)
 // and tap (coef * (x >> s)) >> 16, each the floor of an exact product; taps
@@ -26,16 +28,15 @@
 #include "rsmpl/engine/mca.hpp"
 #include <rsmpl/rsmpl.h>
 #include "rsmpl/sinc/sinc_kernel.hpp"
+#include "rsmpl/sinc/sinc_slots.hpp"
 
 namespace rsmpl::sinc {
 namespace {
 
-constexpr int32_t kMaxHalf = 104;  // ratio 1/8
 constexpr int32_t kPad = 32;       // zero samples before the history
 // Right padding: a centre up to h + 16 past the last sample, h taps beyond
 // it and a group of lanes.
 constexpr int32_t kSamples = kPad + RSMPL_HISTORY_SAMPLES + 2 * kMaxHalf + 16 + kPad;
-constexpr int32_t kCoefs = (2 * kMaxHalf + 1 + 15) / 16 * 16 + 16;
 constexpr uint32_t kUnityTableStep = 0x800000u;
 
 constexpr uint32_t kChunk = 64;  // outputs per pass of the driver
@@ -73,72 +74,104 @@ struct UnityOutputs {
     alignas(64) int32_t gr2[kChunk];
 };
 
-// Below 128 entries per tap, tap k of every output lies in the slot
-// [k*T, (k+1)*T) of the table (right wing: [(k-1)*T, k*T)): with
-// t0 = e * 2^16 + q and k*T = K * 2^16 + r, the left tap reads entry
-// K + e + carry(r + q), the right one K - e - borrow(r - q), at fraction
-// (r +- q) mod 2^16. A block's slot table holds, in window order, the
-// entries of every tap for each e (row e: K + e left, K - e right), so the
-// taps of an output are two contiguous rows, e and e + 1, picked per lane
-// by the carry; `frac` holds r, `sign` the sign of q in the lane's fraction
-// (1 on the left wing, -1 on the right, 0 past the taps).
-// 34 KB, on the stack of the engines that use it.
-constexpr int32_t kSlotCells = 4096;
-struct NoSlots {};
-struct Slots {
-    int32_t rows = 0, len = 0;
-    alignas(64) uint32_t frac[kCoefs];
-    alignas(64) int32_t sign[kCoefs];
-    alignas(64) int32_t wing[kSlotCells];
-    alignas(64) int32_t delta[kSlotCells];
-};
-
-// Fills the slot table of a run, kLanes rows by kLanes lanes at a time:
-// each lane's entries are a run of the wing (rising on the left wing,
-// falling on the right), loaded as a register and turned into row order by
-// Isa::transpose. False when the table would not fit.
+// The shape of the slot table of a run (rows, lanes per row, lanes of the
+// left wing); false when it would not fit.
 template <class Isa>
-bool build_slots(const SincRun &r, Slots &s) {
+bool slot_shape(const SincRun &r, SlotShape &s) {
     constexpr int L = Isa::kLanes;
-    const int32_t taps = 2 * r.h + 1;
-    s.len = (taps + L - 1) / L * L;
-    s.rows = (static_cast<int32_t>(r.tableStep >> 16) + 2 + L - 1) / L * L;
-    if (s.rows * s.len > kSlotCells || s.rows > SincRows::kPaddedZero - 2 * L) return false;
-    const SincRows &t = sinc_rows();
-    int32_t first[kCoefs];  // padded index of each lane's entry for e = 0
-    for (int32_t w = 0; w < s.len; ++w) {
-        const int32_t k = w <= r.h ? r.h - w : w - r.h;
+    s.left = (r.h + 1 + L - 1) / L * L;
+    s.len = s.left + (r.h + L - 1) / L * L;
+    s.from = r.h + 1 - s.left;
+    s.rows = (static_cast<int32_t>(r.tableStep >> 16) + 1 + L - 1) / L * L;
+    return s.rows * s.len <= kSlotCells && s.rows <= SincRows::kPaddedZero - 2 * L;
+}
+
+// Fills the slot table of a run that fits, kLanes rows by kLanes lanes at a
+// time: each lane's entries are a run of the wing (rising on the left wing,
+// falling on the right), loaded as a register and turned into row order by
+// Isa::transpose. Deltas are taken from the wing itself (delta(j) is
+// W(j+1) - W(j)), which also gives entry -1 its delta W(0).
+template <class Isa>
+void build_slots(const SincRun &r, Slots &s) {
+    using V = typename Isa::V;
+    constexpr int L = Isa::kLanes;
+    slot_shape<Isa>(r, s);
+    const int32_t *wp = sinc_rows().wingPadded;
+    int32_t base[kCoefs];  // padded index of each lane's entry in row 0; 0 for no tap
+    for (int32_t i = 0; i < s.len; ++i) {
+        const int32_t w = s.from + i;
+        const bool right = i >= s.left;
+        const int32_t k = right ? w - r.h : r.h - w;
         const uint32_t kt = static_cast<uint32_t>(k) * r.tableStep;
-        const bool right = w > r.h && w < taps;
-        s.frac[w] = kt & 0xFFFFu;
-        s.sign[w] = right ? -1 : (w < taps ? 1 : 0);
-        // Past the taps: the zeros before the wing.
-        first[w] = w >= taps ? 0 : SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16);
+        const bool tap = w >= 0 && w <= 2 * r.h;
+        const bool low = right && (kt & 0xFFFFu) != 0xFFFFu;  // the right wing's slot below K
+        s.frac[i] = static_cast<int32_t>((kt & 0xFFFFu) + (low ? 0x10000u : 0u));
+        base[i] = tap ? SincRows::kPaddedZero + static_cast<int32_t>(kt >> 16) - (low ? 1 : 0) : 0;
     }
-    for (int32_t w0 = 0; w0 < s.len; w0 += L)
+    for (int32_t i0 = 0; i0 < s.len; i0 += L)
         for (int32_t e0 = 0; e0 < s.rows; e0 += L) {
-            typename Isa::V wv[L], dv[L];
+            V wv[L], tv[L], dv[L], sv[L];
             for (int c = 0; c < L; ++c) {
-                const int32_t w = w0 + c;
-                if (s.sign[w] < 0) {
-                    const int32_t at = first[w] - e0 - (L - 1);
-                    wv[c] = Isa::reverse(Isa::load(t.wingPadded + at));
-                    dv[c] = Isa::reverse(Isa::load(t.deltaPadded + at));
-                } else {
-                    const int32_t at = w < taps ? first[w] + e0 : 0;
-                    wv[c] = Isa::load(t.wingPadded + at);
-                    dv[c] = Isa::load(t.deltaPadded + at);
+                const int32_t i = i0 + c;
+                V w0 = Isa::set1(0), w1 = w0, w2 = w0;
+                if (base[i] != 0 && i >= s.left) {
+                    const int32_t at = base[i] - e0 - (L - 1);
+                    w0 = Isa::reverse(Isa::load(wp + at));
+                    w1 = Isa::reverse(Isa::load(wp + at + 1));
+                    w2 = Isa::reverse(Isa::load(wp + at + 2));
+                } else if (base[i] != 0) {
+                    const int32_t at = base[i] + e0;
+                    w0 = Isa::load(wp + at);
+                    w1 = Isa::load(wp + at + 1);
+                    w2 = Isa::load(wp + at + 2);
                 }
+                const V d0 = Isa::sub(w1, w0), d1 = Isa::sub(w2, w1);
+                wv[c] = Isa::add(w0, Isa::slli(Isa::srai(d0, 16), 15));
+                tv[c] = Isa::sub(Isa::add(w1, Isa::slli(Isa::srai(d1, 16), 15)), wv[c]);
+                dv[c] = d0;
+                sv[c] = Isa::sub(d1, d0);
             }
             Isa::transpose(wv);
+            Isa::transpose(tv);
             Isa::transpose(dv);
+            Isa::transpose(sv);
             for (int c = 0; c < L; ++c) {
-                Isa::store(s.wing + (e0 + c) * s.len + w0, wv[c]);
-                Isa::store(s.delta + (e0 + c) * s.len + w0, dv[c]);
+                int32_t *cell = s.cells + 4 * ((e0 + c) * s.len + i0);
+                Isa::store(cell, wv[c]);
+                Isa::store(cell + L, tv[c]);
+                Isa::store(cell + 2 * L, dv[c]);
+                Isa::store(cell + 3 * L, sv[c]);
             }
         }
-    return true;
 }
+
+// The run's slot table from the process-wide cache: found ready, or built
+// into a free entry and published. Null when the table is being built by
+// another thread or every entry holds another ratio's: nobody waits.
+template <class Isa>
+const Slots *cached_slots(const SincRun &r) {
+    const uint64_t key = slot_key(r.tableStep, r.h, Isa::kLanes);
+    for (SlotEntry &e : slotCache) {
+        uint64_t now = e.key.load(std::memory_order_acquire);
+        if (now == 0 && e.key.compare_exchange_strong(now, key | kSlotBuilding, std::memory_order_acquire)) {
+            build_slots<Isa>(r, e.slots);
+            e.key.store(key | kSlotReady, std::memory_order_release);
+            return &e.slots;
+        }
+        if ((now & ~kSlotStatus) == key) return now == (key | kSlotReady) ? &e.slots : nullptr;
+    }
+    return nullptr;
+}
+
+// Where each output of a chunk reads in a slot table: its first sample in
+// the window, its row (as an offset into Slots::cells) and q, for
+// t0 = e * 2^16 + q. Worked out for the whole chunk first, like
+// UnityOutputs.
+struct SlotOutputs {
+    alignas(64) int32_t at[kChunk];
+    alignas(64) uint32_t row[kChunk];
+    alignas(64) uint32_t q[kChunk];
+};
 
 // The plain form of Isa::where: entries from .. n-1 of a chunk of a run at
 // 128 entries per tap (output base + j at j), centres capped at `far`.
@@ -157,24 +190,29 @@ void where_plain(const SincRun &r, uint32_t base, uint32_t from, uint32_t n, int
     }
 }
 
-// The outputs of a run from a slot table, when one fits; false otherwise.
-// Out of line, table and all, so the other paths keep their registers and
-// their small stack frame.
+// The outputs of a run from a slot table. Out of line, so the other paths
+// keep their registers.
 template <class Isa>
-[[gnu::noinline]] bool run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
-    Slots table;
-    if (!build_slots<Isa>(r, table)) return false;
-    alignas(64) int32_t first[kChunk];
-    alignas(64) uint32_t t0s[kChunk];
+[[gnu::noinline]] void run_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, const Slots &table,
+                                 int16_t *out) {
+    SlotOutputs o;
     alignas(64) uint32_t acc[kChunk];
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);
         // Where each output reads first, so the sums run back to back.
-        Isa::slot_where(r, base, n, far, first, t0s);
-        Isa::slot_outputs(w, table, first, t0s, n, acc);
+        Isa::slot_where(r, base, n, far, table, o);
+        Isa::slot_outputs(w, table, o, n, acc);
         Isa::finish(acc, n, r.gain, r.shift, out + base);
     }
-    return true;
+}
+
+// The same with a table of its own, for when the cache has none: on a stack
+// frame of its own, so the other paths keep their small one.
+template <class Isa>
+[[gnu::noinline]] void run_own_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
+    Slots table;
+    build_slots<Isa>(r, table);
+    run_slots<Isa>(r, w, far, table, out);
 }
 
 template <class Isa>
@@ -200,10 +238,21 @@ void run(const SincRun &r, int16_t *out) {
     uint32_t made = ~0u;  // no t0 reaches it: t0 <= tableStep
     alignas(64) uint32_t acc[kChunk];
     // A slot table pays when the fraction changes from output to output (a
-    // whole step keeps one set of coefficients) over enough outputs.
-    if constexpr (Isa::kSlots)
-        if (!unity && (r.step & 0xFFFFFFu) != 0 && r.count >= (r.tableStep >> 16) / 2 && run_slots<Isa>(r, w, far, out))
-            return;
+    // whole step keeps one set of coefficients); one built for this block
+    // alone only over enough outputs.
+    if constexpr (Isa::kSlots) {
+        SlotShape shape;
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && slot_shape<Isa>(r, shape)) {
+            if (const Slots *s = cached_slots<Isa>(r)) {
+                run_slots<Isa>(r, w, far, *s, out);
+                return;
+            }
+            if (r.count >= (r.tableStep >> 16) / 2) {
+                run_own_slots<Isa>(r, w, far, out);
+                return;
+            }
+        }
+    }
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);
         if (unity) {

@@ -92,11 +92,10 @@ struct SincRows {
     alignas(64) uint32_t deltaLow[129 * 16];
     alignas(64) uint32_t deltaHighRev[129 * 16];
     alignas(64) uint32_t deltaLowRev[129 * 16];
-    // The wing and its deltas with zeros around, entry j at kPaddedZero + j:
-    // runs of entries read straight past either end.
+    // The wing with zeros around, entry j at kPaddedZero + j: runs of
+    // entries read straight past either end.
     static constexpr int kPaddedZero = 160;
     alignas(64) int32_t wingPadded[kPaddedZero + kSincWingLength + 64];
-    alignas(64) int32_t deltaPadded[kPaddedZero + kSincWingLength + 64];
 };
 const SincRows &sinc_rows();
 

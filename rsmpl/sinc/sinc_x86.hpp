@@ -31,6 +31,7 @@ struct X86 {
     static V add(V a, V b) { return _mm256_add_epi32(a, b); }
     static V sub(V a, V b) { return _mm256_sub_epi32(a, b); }
     static V and_(V a, V b) { return _mm256_and_si256(a, b); }
+    static V xor_(V a, V b) { return _mm256_xor_si256(a, b); }
     static V mullo(V a, V b) { return _mm256_mullo_epi32(a, b); }
     static V srl(V a, int n) { return _mm256_srli_epi32(a, n); }
     static V less(V a, V b) { return _mm256_cmpgt_epi32(b, a); }
@@ -81,14 +82,8 @@ struct X86 {
         *wing = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWing), j, 4);
         *delta = _mm256_i32gather_epi32(reinterpret_cast<const int *>(sincWingDelta), j, 4);
     }
-    static V sign(V a, V b) { return _mm256_sign_epi32(a, b); }
     static V mulu64(V a, V b) { return _mm256_mul_epu32(a, b); }
     static V odd_down(V a) { return _mm256_shuffle_epi32(a, 0xF5); }
-    // a where the lane's sign bit is set, else b: a bit select, no arithmetic.
-    static V select_sign(V s, V a, V b) {
-        return _mm256_castps_si256(
-            _mm256_blendv_ps(_mm256_castsi256_ps(b), _mm256_castsi256_ps(a), _mm256_castsi256_ps(s)));
-    }
     static V slli(V a, int n) { return _mm256_slli_epi32(a, n); }
     // The lane sums of eight registers, register i's in lane i.
     static V sums(const V *a) {
@@ -116,6 +111,7 @@ struct X86 {
     static V add(V a, V b) { return _mm_add_epi32(a, b); }
     static V sub(V a, V b) { return _mm_sub_epi32(a, b); }
     static V and_(V a, V b) { return _mm_and_si128(a, b); }
+    static V xor_(V a, V b) { return _mm_xor_si128(a, b); }
     static V mullo(V a, V b) { return _mm_mullo_epi32(a, b); }
     static V srl(V a, int n) { return _mm_srli_epi32(a, n); }
     static V less(V a, V b) { return _mm_cmplt_epi32(a, b); }
@@ -155,12 +151,8 @@ struct X86 {
         *wing = _mm_setr_epi32(sincWing[i[0]], sincWing[i[1]], sincWing[i[2]], sincWing[i[3]]);
         *delta = _mm_setr_epi32(sincWingDelta[i[0]], sincWingDelta[i[1]], sincWingDelta[i[2]], sincWingDelta[i[3]]);
     }
-    static V sign(V a, V b) { return _mm_sign_epi32(a, b); }
     static V mulu64(V a, V b) { return _mm_mul_epu32(a, b); }
     static V odd_down(V a) { return _mm_shuffle_epi32(a, 0xF5); }
-    static V select_sign(V s, V a, V b) {
-        return _mm_castps_si128(_mm_blendv_ps(_mm_castsi128_ps(b), _mm_castsi128_ps(a), _mm_castsi128_ps(s)));
-    }
     static V slli(V a, int n) { return _mm_slli_epi32(a, n); }
     // The lane sums of four registers, register i's in lane i.
     static V sums(const V *a) {
@@ -271,63 +263,89 @@ struct X86 {
         for (int32_t w = taps; w < taps + kLanes; ++w) coef[w] = 0;
     }
 
-    // One output below 128 entries per tap from the block's slot table
-    // (sinc_block.hpp), as lanes to be summed: rows e and e + 1 picked per
-    // lane by the carry of the fraction r + q on the left wing, r - q on the
-    // right. Either way the carry is bit 16 of the 32-bit result (a borrow
-    // sets bits 16..31), moved to the sign for the select.
-    [[gnu::always_inline]] static V slot_lanes(const Window &win, int32_t first, const Slots &s, uint32_t t0) {
-        const int32_t *w0 = s.wing + (t0 >> 16) * static_cast<uint32_t>(s.len);
-        const int32_t *d0 = s.delta + (t0 >> 16) * static_cast<uint32_t>(s.len);
-        const V q = set1(t0 & 0xFFFFu);
+    // kLanes taps of one output below 128 entries per tap from a row of
+    // the slot table (sinc_slots.hpp), at fractions v; samples from `at`.
+    [[gnu::always_inline]] static V slot_taps(V v, const int32_t *cell, const Window &win, int32_t at) {
+        const int32_t *wing = cell, *step = cell + kLanes, *delta = cell + 2 * kLanes, *slope = cell + 3 * kLanes;
+        const V carry = less(set1(0xFFFE), v);
+        const V g = and_(v, set1(0xFFFF));
+        const V gw = add(g, srl(g, 15));
+        const V d = add(load(delta), and_(carry, load(slope)));
+        const V products = add(madd16(d, xor_(slli(gw, 16), set1(0x80000000u))), mulhiu16(d, gw));
+        const V c = add(add(load(wing), and_(carry, load(step))), products);
+        return taps(c, win, at);
+    }
+
+    // One output's taps as lanes to be summed: the left wing's groups at
+    // fractions r + q, the right wing's at r + 2^16 - q. kLeft and kRight
+    // groups per wing, or as the table says when 0.
+    template <int kLeft, int kRight>
+    [[gnu::always_inline]] static V slot_lanes(const Window &win, const Slots &s, const SlotOutputs &o, uint32_t j) {
+        const int32_t left = kLeft ? kLeft * kLanes : s.left, len = kLeft ? left + kRight * kLanes : s.len;
+        const int32_t *row = s.cells + o.row[j];
+        const V q = set1(o.q[j]);
+        const int32_t at = o.at[j];
         V acc = set1(0);
 #pragma GCC unroll 4
-        for (int32_t i = 0; i < s.len; i += kLanes) {
-            const V sq = add(loadu(s.frac + i), sign(q, load(s.sign + i)));
-            const V next = slli(sq, 15);
-            const V g = and_(sq, set1(0xFFFF));
-            const V wing = select_sign(next, load(w0 + s.len + i), load(w0 + i));
-            const V delta = select_sign(next, load(d0 + s.len + i), load(d0 + i));
-            const V c = add(wing, mul_shift16(delta, add(g, srl(g, 15))));
-            acc = add(acc, taps(c, win, kPad + first + i));
-        }
+        for (int32_t i = 0; i < left; i += kLanes)
+            acc = add(acc, slot_taps(add(load(s.frac + i), q), row + 4 * i, win, at + i));
+#pragma GCC unroll 4
+        for (int32_t i = left; i < len; i += kLanes)
+            acc = add(acc, slot_taps(sub(load(s.frac + i), q), row + 4 * i, win, at + i));
         return acc;
     }
 
-    // First window sample and t0 of outputs base .. base + n - 1 (n < 2^16
-    // in all), kLanes at a time: sinc_advance and (f' * T) >> 16 in lanes,
-    // the latter below 2^40 before the shift, so taken in 64 bits.
-    static void slot_where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, int32_t *first, uint32_t *t0) {
+    // Where outputs base .. base + n - 1 (n < 2^16 in all) read in the slot
+    // table, kLanes at a time: sinc_advance and t0 = (f' * T) >> 16 in
+    // lanes, the latter below 2^40 before the shift, so taken in 64 bits.
+    static void slot_where(const SincRun &r, uint32_t base, uint32_t n, int32_t far, const SlotShape &s,
+                           SlotOutputs &o) {
         const V whole = set1((r.step >> 16) << 8), part = set1(r.step & 0xFFFFu), table = set1(r.tableStep);
         const V p0 = set1(r.p0), h = set1(static_cast<uint32_t>(r.h)), farv = set1(static_cast<uint32_t>(far));
+        const V from = set1(static_cast<uint32_t>(kPad + s.from - r.h));
+        const V rowCells = set1(4 * static_cast<uint32_t>(s.len));
         uint32_t j = 0;
         for (; j + kLanes <= n; j += kLanes) {
             const V m = add(lanes(), set1(base + j));
             const V p = add(add(p0, mullo(whole, m)), srl(add(mullo(part, m), set1(128)), 8));
-            store(first + j, sub(min(add(srl(p, 16), h), farv), h));
+            store(o.at + j, add(min(add(srl(p, 16), h), farv), from));
             const V f = and_(p, set1(0xFFFF));
             const V fw = add(f, srl(f, 15));
             const V even = srl64(mulu64(fw, table), 16), odd = sll64(mulu64(odd_down(fw), table), 16);
-            store(reinterpret_cast<int32_t *>(t0 + j), blend_odd(even, odd));
+            const V t0 = blend_odd(even, odd);
+            store(reinterpret_cast<int32_t *>(o.row + j), mullo(srl(t0, 16), rowCells));
+            store(reinterpret_cast<int32_t *>(o.q + j), and_(t0, set1(0xFFFF)));
         }
         for (; j < n; ++j) {
             const uint32_t p = r.p0 + sinc_advance(r.step, base + j);
-            first[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) - r.h;
+            o.at[j] = std::min(static_cast<int32_t>(p >> 16) + r.h, far) + kPad + s.from - r.h;
             const uint32_t f = p & 0xFFFFu;
-            t0[j] = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+            const auto t0 = static_cast<uint32_t>((uint64_t{f + (f >> 15)} * r.tableStep) >> 16);
+            o.row[j] = 4 * (t0 >> 16) * static_cast<uint32_t>(s.len);
+            o.q[j] = t0 & 0xFFFFu;
         }
     }
 
     // The sums of n outputs from the slot table, kLanes reduced together.
-    static void slot_outputs(const Window &win, const Slots &s, const int32_t *first, const uint32_t *t0, uint32_t n,
-                             uint32_t *acc) {
+    template <int kLeft, int kRight>
+    static void slot_outputs_as(const Window &win, const Slots &s, const SlotOutputs &o, uint32_t n, uint32_t *acc) {
         uint32_t i = 0;
         for (; i + kLanes <= n; i += kLanes) {
             V each[kLanes];
-            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes(win, first[i + l], s, t0[i + l]);
+            for (int l = 0; l < kLanes; ++l) each[l] = slot_lanes<kLeft, kRight>(win, s, o, i + l);
             store(reinterpret_cast<int32_t *>(acc + i), sums(each));
         }
-        for (; i < n; ++i) acc[i] = sum(slot_lanes(win, first[i], s, t0[i]));
+        for (; i < n; ++i) acc[i] = sum(slot_lanes<kLeft, kRight>(win, s, o, i));
+    }
+
+    // Ratios from 0.8125 to 1 (half-lengths 13 to 15) fill two groups of
+    // eight or four of four per wing: those unrolled in full.
+    static void slot_outputs(const Window &win, const Slots &s, const SlotOutputs &o, uint32_t n, uint32_t *acc) {
+        constexpr int kGroups = 16 / kLanes;
+        if (s.left == kGroups * kLanes && s.len == 2 * kGroups * kLanes)
+            slot_outputs_as<kGroups, kGroups>(win, s, o, n, acc);
+        else
+            slot_outputs_as<0, 0>(win, s, o, n, acc);
     }
 
     static uint32_t dot(const Window &win, int32_t first, const int32_t *coef, int32_t n) {
