@@ -206,15 +206,6 @@ template <class Isa>
     }
 }
 
-// The same with a table of its own, for when the cache has none: on a stack
-// frame of its own, so the other paths keep their small one.
-template <class Isa>
-[[gnu::noinline]] void run_own_slots(const SincRun &r, const typename Isa::Window &w, int32_t far, int16_t *out) {
-    Slots table;
-    build_slots<Isa>(r, table);
-    run_slots<Isa>(r, w, far, table, out);
-}
-
 template <class Isa>
 void run(const SincRun &r, int16_t *out) {
     if (r.h < 0 || r.h > kMaxHalf || r.valid < 0 || r.valid > RSMPL_HISTORY_SAMPLES || r.count > 0xFFFFu ||
@@ -238,20 +229,16 @@ void run(const SincRun &r, int16_t *out) {
     uint32_t made = ~0u;  // no t0 reaches it: t0 <= tableStep
     alignas(64) uint32_t acc[kChunk];
     // A slot table pays when the fraction changes from output to output (a
-    // whole step keeps one set of coefficients); one built for this block
-    // alone only over enough outputs.
+    // whole step keeps one set of coefficients). Without a kept one the block
+    // takes the plain path below: a table of its own would need 81 KB of the
+    // caller's stack, more than an audio thread can be assumed to have.
     if constexpr (Isa::kSlots) {
         SlotShape shape;
-        if (!unity && (r.step & 0xFFFFFFu) != 0 && slot_shape<Isa>(r, shape)) {
+        if (!unity && (r.step & 0xFFFFFFu) != 0 && slot_shape<Isa>(r, shape))
             if (const Slots *s = cached_slots<Isa>(r)) {
                 run_slots<Isa>(r, w, far, *s, out);
                 return;
             }
-            if (r.count >= (r.tableStep >> 16) / 2) {
-                run_own_slots<Isa>(r, w, far, out);
-                return;
-            }
-        }
     }
     for (uint32_t base = 0; base < r.count; base += kChunk) {
         const uint32_t n = std::min(kChunk, r.count - base);

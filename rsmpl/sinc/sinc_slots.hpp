@@ -59,15 +59,17 @@ struct Slots : SlotShape {
 // free, else the table's key (slot_key) with kSlotReady or kSlotBuilding in
 // the low bits. An entry is claimed once and never given back, so a reader
 // holding a ready table is never raced by a rebuild; when all are taken by
-// other ratios, or a table is still being built by another thread, the
-// caller builds its own for the block, on its stack. An entry is 81 KB of
-// .bss, touched only once claimed (about 61 KB at 48000 -> 44100).
+// other ratios, or a table is still being built by another thread, the block
+// computes its coefficients output by output instead. An entry is 81 KB of
+// .bss, touched only once claimed (about 61 KB at 48000 -> 44100); eight
+// leave room for a few streams, each rsmplrate_best stream below ratio 1
+// taking up to three (its nominal ratio and the two it trims with).
 constexpr uint64_t kSlotBuilding = 1, kSlotReady = 2, kSlotStatus = 3;
 struct SlotEntry {
     std::atomic<uint64_t> key{0};
     Slots slots;
 };
-constexpr int kSlotEntries = 4;
+constexpr int kSlotEntries = 8;
 extern SlotEntry slotCache[kSlotEntries];  // defined in sinc.cpp
 
 inline uint64_t slot_key(uint32_t tableStep, int32_t h, int lanes) {
