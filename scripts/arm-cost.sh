@@ -186,7 +186,9 @@ marks are not estimated at all.
 \`neoverse-n1\` is LLVM's model of the Cortex-A76 class (its \`cortex-a76\`
 name maps to an older model).
 
-- *cycles/out*: estimated core cycles per mono output sample.
+- *cycles/out*: estimated core cycles per mono output sample; for the
+  linear loops (\`linear_*_stereo\`) per sample of a stereo output frame, the
+  loads of the inputs between outputs not included.
 - *MACs/out*: 16x16-bit multiply-accumulates one output needs (none for the
   sinc and linear loops, whose products are 32-bit).
 - *ceiling*: MACs/out over the core's MAC rate, measured by llvm-mca on

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "rsmpl/engine/mca.hpp"
 #include "rsmpl/linear/linear_kernels.hpp"
 
 namespace rsmpl {
@@ -33,8 +34,11 @@ void expand_frames(const int16_t *src, uint32_t src_frames, int16_t *dst, uint32
             old_v = new_v;
             if (fetched < src_frames) new_v = O::load(src + static_cast<size_t>(fetched) * C);
         }
+        // Marked for the cost estimate: one stereo frame out, the fetch above not included.
+        if constexpr (C == 2) RSMPL_MCA_BEGIN("linear_expand_stereo", 2, 0);
         const uint32_t f = step ? (pos << (16 - shift)) / step : 0;
         O::store(dst + static_cast<size_t>(k) * C, O::lerp(old_v, 65536u - f, new_v, f));
+        if constexpr (C == 2) RSMPL_MCA_END("linear_expand_stereo", 2, 0);
         pos += kLinearOne;
         if (pos >= pitch) fetched++;
     }
@@ -52,10 +56,13 @@ bool shrink_frames(const int16_t *src, uint32_t src_frames, int16_t *dst, uint32
         const auto new_v = O::load(src + static_cast<size_t>(i) * C);
         pos += pitch;
         if (pos >= kLinearOne) {
+            if (written == dst_frames) return true;
+            // Marked like the expansion: one stereo frame out, the skipped inputs not included.
+            if constexpr (C == 2) RSMPL_MCA_BEGIN("linear_shrink_stereo", 2, 0);
             const uint32_t over = pos - kLinearOne;
             const uint32_t f = step ? (over << 13) / step : 0;
-            if (written == dst_frames) return true;
             O::store(dst + static_cast<size_t>(written) * C, O::lerp(new_v, 65536u - f, old_v, f));
+            if constexpr (C == 2) RSMPL_MCA_END("linear_shrink_stereo", 2, 0);
             written++;
             pos = over;
         }
