@@ -37,6 +37,11 @@ constexpr int kChunkBlocks = 4;
 // still need, as the stage wrappers arrange): the body reads a block before
 // writing it, and the tail copies its samples before writing, so the vector
 // kernel keeps the scalar kernel's read-before-write order group by group.
+//
+// Layouts that read every R-th pair (R > 1) go to Isa::streams<L>(x, groups,
+// avail, out, outputs) instead, at most Isa::kStreamGroups groups a call: it
+// reads x[0 .. avail-1] only, as zero beyond, and writes the first `outputs`
+// outputs, all of its samples read before its first output is written.
 template <class Isa, const auto &L>
 void run(const int16_t *x, int16_t *out, int32_t count) {
     using Layout = std::remove_cvref_t<decltype(L)>;
@@ -52,24 +57,35 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
     const int64_t body = min64(complete, fitting) / G * G;
 
     int64_t t = 0;
-    while (t < body) {
-        const int blocks = static_cast<int>(min64(kChunkBlocks, (body - t) / G));
-        Isa::template chunk<L>(x + kStep * t, blocks, out + P * t);
-        t += int64_t{blocks} * G;
-    }
-    // The last groups: partial, or reaching past the samples the kernel may
-    // read. Their samples go into a zeroed frame; zero samples and the rows'
-    // zero padding contribute nothing.
-    constexpr int64_t kFrame = kStep * (G - 1) + kReach;
-    while (t * L.units_per_group < units) {
-        alignas(64) int16_t frame[kFrame + 32] = {};
-        alignas(64) int16_t result[P * G];
-        const int64_t have = min64(span - kStep * t, kFrame);
-        std::memcpy(frame, x + kStep * t, static_cast<size_t>(have) * sizeof(int16_t));
-        Isa::template chunk<L>(frame, 1, result);
-        const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
-        std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
-        t += G;
+    if constexpr (L.R > 1) {
+        // The stream copy already zero-pads, so the last groups need no frame.
+        const int64_t groups = (units + L.units_per_group - 1) / L.units_per_group;
+        while (t < groups) {
+            const int n = static_cast<int>(min64(Isa::kStreamGroups, groups - t));
+            const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, int64_t{P} * n);
+            Isa::template streams<L>(x + kStep * t, n, span - kStep * t, out + P * t, outputs);
+            t += n;
+        }
+    } else {
+        while (t < body) {
+            const int blocks = static_cast<int>(min64(kChunkBlocks, (body - t) / G));
+            Isa::template chunk<L>(x + kStep * t, blocks, out + P * t);
+            t += int64_t{blocks} * G;
+        }
+        // The last groups: partial, or reaching past the samples the kernel may
+        // read. Their samples go into a zeroed frame; zero samples and the rows'
+        // zero padding contribute nothing.
+        constexpr int64_t kFrame = kStep * (G - 1) + kReach;
+        while (t * L.units_per_group < units) {
+            alignas(64) int16_t frame[kFrame + 32] = {};
+            alignas(64) int16_t result[P * G];
+            const int64_t have = min64(span - kStep * t, kFrame);
+            std::memcpy(frame, x + kStep * t, static_cast<size_t>(have) * sizeof(int16_t));
+            Isa::template chunk<L>(frame, 1, result);
+            const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
+            std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
+            t += G;
+        }
     }
 }
 

@@ -69,23 +69,22 @@ template <int P>
         _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 8 * P + 8 * k), _mm256_extracti128_si256(z[k], 1));
     }
 }
-// Every R-th sample pair from D[R*i ...], W groups: stream r gets D[R*i + r].
+// Every R-th sample pair from p[0 ...], W groups: stream r gets p[R*k + r].
 template <int R>
-[[gnu::always_inline]] inline void deinterleave(const void *d, int32_t *const *s, int i) {
-    const auto *p = static_cast<const int32_t *>(d) + R * i;
+[[gnu::always_inline]] inline void deinterleave(const int32_t *p, Vec (&v)[R]) {
     if constexpr (R == 2) {
         const __m256 a = _mm256_castsi256_ps(load(p)), b = _mm256_castsi256_ps(load(p + 8));
-        store(s[0] + i, _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0x88)), 0xD8));
-        store(s[1] + i, _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0xDD)), 0xD8));
+        v[0] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0x88)), 0xD8);
+        v[1] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0xDD)), 0xD8);
     } else {
         static_assert(R == 3);
         const Vec a = load(p), b = load(p + 8), c = load(p + 16);
         const Vec s0 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x92), c, 0x24);  // a0 b1 c2 a3 b4 c5 a6 b7
         const Vec s1 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x24), c, 0x49);  // c0 a1 b2 c3 a4 b5 c6 a7
         const Vec s2 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x49), c, 0x92);  // b0 c1 a2 b3 c4 a5 b6 c7
-        store(s[0] + i, _mm256_permutevar8x32_epi32(s0, _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5)));
-        store(s[1] + i, _mm256_permutevar8x32_epi32(s1, _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6)));
-        store(s[2] + i, _mm256_permutevar8x32_epi32(s2, _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7)));
+        v[0] = _mm256_permutevar8x32_epi32(s0, _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5));
+        v[1] = _mm256_permutevar8x32_epi32(s1, _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6));
+        v[2] = _mm256_permutevar8x32_epi32(s2, _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7));
     }
 }
 #else
@@ -117,21 +116,20 @@ template <int P>
     for (int k = 0; k < P; ++k) store(out + 8 * k, z[k]);
 }
 template <int R>
-[[gnu::always_inline]] inline void deinterleave(const void *d, int32_t *const *s, int i) {
-    const auto *p = static_cast<const int32_t *>(d) + R * i;
+[[gnu::always_inline]] inline void deinterleave(const int32_t *p, Vec (&v)[R]) {
     if constexpr (R == 2) {
         const __m128 a = _mm_castsi128_ps(load(p)), b = _mm_castsi128_ps(load(p + 4));
-        store(s[0] + i, _mm_castps_si128(_mm_shuffle_ps(a, b, 0x88)));
-        store(s[1] + i, _mm_castps_si128(_mm_shuffle_ps(a, b, 0xDD)));
+        v[0] = _mm_castps_si128(_mm_shuffle_ps(a, b, 0x88));
+        v[1] = _mm_castps_si128(_mm_shuffle_ps(a, b, 0xDD));
     } else {
         static_assert(R == 3);
         const Vec a = load(p), b = load(p + 4), c = load(p + 8);
         const Vec s0 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x30), c, 0x0C);  // a0 c1 b2 a3
         const Vec s1 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0xC3), c, 0x30);  // b0 a1 c2 b3
         const Vec s2 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x0C), c, 0xC3);  // c0 b1 a2 c3
-        store(s[0] + i, _mm_shuffle_epi32(s0, 0x6C));  // 0 3 2 1
-        store(s[1] + i, _mm_shuffle_epi32(s1, 0xB1));  // 1 0 3 2
-        store(s[2] + i, _mm_shuffle_epi32(s2, 0xC6));  // 2 1 0 3
+        v[0] = _mm_shuffle_epi32(s0, 0x6C);  // 0 3 2 1
+        v[1] = _mm_shuffle_epi32(s1, 0xB1);  // 1 0 3 2
+        v[2] = _mm_shuffle_epi32(s2, 0xC6);  // 2 1 0 3
     }
 }
 #endif
@@ -307,6 +305,21 @@ alignas(32) inline constexpr Broadcast<L> kBroadcast{};
 #endif
 }
 
+// A stream load, kept where it is written among the multiplies: GCC
+// otherwise loads a whole block's samples up front and spills them.
+[[gnu::always_inline]] inline Vec samples(const int32_t *p) {
+#if defined(__AVX2__)
+    struct Bytes {
+        unsigned char b[sizeof(Vec)];
+    };
+    Vec v;
+    asm volatile("vmovdqu %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const Bytes *>(p)));
+    return v;
+#else
+    return load(p);
+#endif
+}
+
 // acc (+)= madd(x, c). With AVX2 written as volatile asm: the compiler
 // otherwise hoists every multiply of a pass and spills the products, and the
 // front end, not the multipliers, sets the pace.
@@ -339,9 +352,18 @@ constexpr bool first_of_bin(const Layout &l, int p, int m) {
     return true;
 }
 
+// With 256-bit vectors each stream is kept twice, the second copy 32 bytes
+// off a cache line, and every load takes the copy in which it stays inside
+// one line: blocks start 64 bytes apart in a stream (16 groups), so which
+// copy a pair reads is known at compile time. A load split over two lines
+// costs about two loads, and 7 in 16 of the loads at 4-byte steps would be.
+constexpr int kStreamCopies = kLanes == 8 ? 2 : 1;
+template <int J>
+inline constexpr int kCopy = kStreamCopies == 2 && 4 * (J % 16) + 4 * kLanes > 64 ? 1 : 0;
+
 // 2W groups from group i of the chunk on, every pair at compile time: its
-// bin, its stream (R > 1) and whether it is the first of its bin; zero pairs
-// are skipped.
+// bin, its stream (R > 1: s[c * R + r], copy c of stream r) and whether it
+// is the first of its bin; zero pairs are skipped.
 template <const auto &L>
 [[gnu::always_inline]] inline void block(const int16_t *x, const int32_t *const *s, int i, int16_t *out) {
     using Layout = std::remove_cvref_t<decltype(L)>;
@@ -364,6 +386,13 @@ template <const auto &L>
         return 1;
     }();
     constexpr int kPasses = (P + PC - 1) / PC;
+    const int32_t *sb[R > 1 ? kStreamCopies * R : 1];
+    if constexpr (R > 1)
+        for (int k = 0; k < kStreamCopies * R; ++k) {
+            sb[k] = s[k] + i;
+            // Each load as this base plus a constant, not a pointer of its own.
+            asm("" : "+r"(sb[k]));
+        }
     mark<L, true>();
     Vec y[P];
     unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
@@ -377,9 +406,9 @@ template <const auto &L>
                     x0 = load(x + L.b0 + 2 * (i + m));
                     x1 = load(x + L.b0 + 2 * (i + kLanes + m));
                 } else {
-                    const int32_t *stream = s[m % R] + m / R;
-                    x0 = load(stream + i);
-                    x1 = load(stream + i + kLanes);
+                    constexpr int j = m / R;
+                    x0 = samples(sb[kCopy<j> * R + m % R] + j);
+                    x1 = samples(sb[kCopy<j + kLanes> * R + m % R] + j + kLanes);
                 }
                 // One load per pair, not one per phase.
                 asm("" : "+x"(x0), "+x"(x1));
@@ -413,35 +442,66 @@ template <const auto &L>
 
 struct X86 {
     static constexpr int kGroups = 2 * kLanes;
+    // Groups per call of streams(): bounds its copies on the stack.
+    static constexpr int kStreamGroups = 8 * kGroups;
 
     // Not inlined: the body and the zero-padded tail share one copy.
     template <const auto &L>
     RSMPL_FIR_NOINLINE static void chunk(const int16_t *x, int blocks, int16_t *out) {
+        static_assert(L.R == 1);
+        constexpr int P = std::remove_cvref_t<decltype(L)>::P;
+        for (int b = 0; b < blocks; ++b) block<L>(x, nullptr, b * kGroups, out + P * kGroups * b);
+    }
+
+    // R > 1: `groups` groups (at most kStreamGroups) from x on, whose samples
+    // x[0 .. avail-1] may be read (the rest count as zero), writing the first
+    // `outputs` of their outputs. The kernel loads every R-th pair, so the
+    // pairs of all the groups are first copied into R streams; the last
+    // block, partial or reaching past avail, is no different from the others
+    // but for its zeros and the copy of its outputs.
+    template <const auto &L>
+    RSMPL_FIR_NOINLINE static void streams(const int16_t *x, int groups, int64_t avail, int16_t *out,
+                                           int64_t outputs) {
         using Layout = std::remove_cvref_t<decltype(L)>;
         constexpr int P = Layout::P;
-        if constexpr (L.R == 1) {
-            for (int b = 0; b < blocks; ++b) block<L>(x, nullptr, b * kGroups, out + P * kGroups * b);
-        } else {
-            static_assert(L.b0 == 0);
-            constexpr int R = L.R;
-            constexpr int kMaxGroups = kChunkBlocks * kGroups;
-            constexpr int kExtra = (Layout::Mp - 1) / R + 1;
-            alignas(32) int32_t streams[R][kMaxGroups + kExtra];
-            int32_t *s[R];
-            for (int r = 0; r < R; ++r) s[r] = streams[r];
-            const int groups = blocks * kGroups;
-            for (int i = 0; i < groups; i += kLanes) deinterleave<R>(x, s, i);
-            // Past the chunk's own pairs, only those its last groups reach.
-            const int64_t last = int64_t{R} * (groups - 1) + Layout::Mp - 1;
-            for (int i = groups; i < groups + kExtra; ++i)
-                for (int r = 0; r < R; ++r) {
-                    const int64_t d = int64_t{R} * i + r;
-                    if (d <= last)
-                        std::memcpy(&s[r][i], x + 2 * d, sizeof(int32_t));
-                    else
-                        s[r][i] = 0;
-                }
-            for (int b = 0; b < blocks; ++b) block<L>(x, s, b * kGroups, out + P * kGroups * b);
+        constexpr int R = L.R;
+        static_assert(R > 1 && L.b0 == 0);
+        // Past its last group's first pairs, a block reads this many more per stream.
+        constexpr int kExtra = (Layout::Mp - 1) / R + 1;
+        constexpr int kLen = (kStreamGroups + kExtra + 15) / 16 * 16;  // whole vectors, whole lines
+        alignas(64) int32_t copy0[R][kLen];
+        alignas(64) int32_t copy1[kStreamCopies == 2 ? R : 1][kStreamCopies == 2 ? kLen + 16 : 1];
+        int32_t *s[2 * R];
+        for (int r = 0; r < R; ++r) {
+            s[r] = copy0[r];
+            if constexpr (kStreamCopies == 2) s[R + r] = copy1[r] + 8;
+        }
+        const int blocks = (groups + kGroups - 1) / kGroups;
+        for (int i = 0; i < blocks * kGroups + kExtra; i += kLanes) {
+            Vec v[R];
+            const int64_t first = int64_t{2} * R * i;
+            if (first + 2 * R * kLanes <= avail) {
+                deinterleave<R>(reinterpret_cast<const int32_t *>(x + first), v);
+            } else {
+                alignas(32) int16_t part[2 * R * kLanes] = {};
+                if (avail > first)
+                    std::memcpy(part, x + first, static_cast<size_t>(avail - first) * sizeof(int16_t));
+                deinterleave<R>(reinterpret_cast<const int32_t *>(part), v);
+            }
+            // Into the arrays by name: through s[], every store might move s[].
+            for (int r = 0; r < R; ++r) {
+                store(copy0[r] + i, v[r]);
+                if constexpr (kStreamCopies == 2) store(copy1[r] + 8 + i, v[r]);
+            }
+        }
+        // Each block's samples were read before any output is written; the
+        // copy reads the whole chunk first, so in place is safe.
+        alignas(32) int16_t result[P * kGroups];
+        for (int b = 0; b < blocks; ++b) {
+            const int64_t done = int64_t{P} * kGroups * b;
+            const bool whole = done + P * kGroups <= outputs;
+            block<L>(x, s, b * kGroups, whole ? out + done : result);
+            if (!whole) std::memcpy(out + done, result, static_cast<size_t>(outputs - done) * sizeof(int16_t));
         }
     }
 };
