@@ -38,6 +38,8 @@ constexpr int kChunkBlocks = 4;
 // writing it, and the tail copies its samples before writing, so the vector
 // kernel keeps the scalar kernel's read-before-write order group by group.
 //
+// Isa::chunk<L, 1>(x, 1, out) computes the first G/2 groups of one block only.
+//
 // Layouts that read every R-th pair (R > 1) go to Isa::streams<L>(x, groups,
 // avail, out, outputs) instead, at most Isa::kStreamGroups groups a call: it
 // reads x[0 .. avail-1] only, as zero beyond, and writes the first `outputs`
@@ -67,24 +69,47 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
             t += n;
         }
     } else {
+        // The last groups: partial, or reaching past the samples the kernel
+        // may read. Their samples go into a zeroed frame (zero samples and the
+        // rows' zero padding contribute nothing), taken before the body: the
+        // tail's loads straddle the frame's stores, and so long after them
+        // they find them in the cache rather than waiting for them. There is
+        // one such block at most (body is short of the groups by less than G,
+        // plus at most one group that reaches one sample too far).
+        static_assert(
+            [] {
+                // Past the first units the shortfall repeats: the body and the
+                // groups grow alike, one group per kStep samples.
+                for (int64_t u = 0; u < 4096; ++u) {
+                    const int64_t s = L.unit_in * u + L.history;
+                    const int64_t fit = s >= kReach ? (s - kReach) / kStep + 1 : 0;
+                    const int64_t b = min64(u / L.units_per_group, fit) / G * G;
+                    if ((u + L.units_per_group - 1) / L.units_per_group - b > G) return false;
+                }
+                return true;
+            }(),
+            "one tail block");
+        constexpr int64_t kFrame = kStep * (G - 1) + kReach;
+        alignas(64) int16_t frame[kFrame + 32];
+        const bool tail = body * L.units_per_group < units;
+        if (tail) {
+            std::memset(frame, 0, sizeof frame);
+            std::memcpy(frame, x + kStep * body, static_cast<size_t>(min64(span - kStep * body, kFrame)) * sizeof(int16_t));
+        }
         while (t < body) {
             const int blocks = static_cast<int>(min64(kChunkBlocks, (body - t) / G));
             Isa::template chunk<L>(x + kStep * t, blocks, out + P * t);
             t += int64_t{blocks} * G;
         }
-        // The last groups: partial, or reaching past the samples the kernel may
-        // read. Their samples go into a zeroed frame; zero samples and the rows'
-        // zero padding contribute nothing.
-        constexpr int64_t kFrame = kStep * (G - 1) + kReach;
-        while (t * L.units_per_group < units) {
-            alignas(64) int16_t frame[kFrame + 32] = {};
+        if (tail) {
             alignas(64) int16_t result[P * G];
-            const int64_t have = min64(span - kStep * t, kFrame);
-            std::memcpy(frame, x + kStep * t, static_cast<size_t>(have) * sizeof(int16_t));
-            Isa::template chunk<L>(frame, 1, result);
+            const int64_t groups = (units - t * L.units_per_group + L.units_per_group - 1) / L.units_per_group;
+            if (groups <= G / 2)
+                Isa::template chunk<L, 1>(frame, 1, result);
+            else
+                Isa::template chunk<L>(frame, 1, result);
             const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
             std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
-            t += G;
         }
     }
 }

@@ -363,8 +363,9 @@ inline constexpr int kCopy = kStreamCopies == 2 && 4 * (J % 16) + 4 * kLanes > 6
 
 // 2W groups from group i of the chunk on, every pair at compile time: its
 // bin, its stream (R > 1: s[c * R + r], copy c of stream r) and whether it
-// is the first of its bin; zero pairs are skipped.
-template <const auto &L>
+// is the first of its bin; zero pairs are skipped. H = 1: the first W groups
+// only (the outputs of the others are left undefined).
+template <const auto &L, int H = 2>
 [[gnu::always_inline]] inline void block(const int16_t *x, const int32_t *const *s, int i, int16_t *out) {
     using Layout = std::remove_cvref_t<decltype(L)>;
     constexpr int P = Layout::P;
@@ -397,14 +398,14 @@ template <const auto &L>
     Vec y[P];
     unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
         constexpr int pass = decltype(pass_c)::value;
-        Vec acc[PC][2][A];
+        Vec acc[PC][H][A];
         unroll<Mp>([&](auto mc) __attribute__((always_inline)) {
             constexpr int m = decltype(mc)::value;
             if constexpr (pair_used(L, pass * PC, pass * PC + PC, m)) {
-                Vec x0, x1;
+                Vec x0, x1 = zero();
                 if constexpr (R == 1) {
                     x0 = load(x + L.b0 + 2 * (i + m));
-                    x1 = load(x + L.b0 + 2 * (i + kLanes + m));
+                    if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
                 } else {
                     constexpr int j = m / R;
                     x0 = samples(sb[kCopy<j> * R + m % R] + j);
@@ -420,7 +421,7 @@ template <const auto &L>
                         constexpr bool first = first_of_bin(L, p, m);
                         const Vec c = coef(kBroadcast<L>.v[p][m]);
                         madd_reg<first>(acc[q][0][b], x0, c);
-                        madd_reg<first>(acc[q][1][b], x1, c);
+                        if constexpr (H == 2) madd_reg<first>(acc[q][1][b], x1, c);
                     }
                 });
             }
@@ -430,7 +431,8 @@ template <const auto &L>
             constexpr int p = pass * PC + q;
             if constexpr (p < P) {
                 constexpr int Ap = L.row_bins[p];
-                y[p] = pack(combine<L, Ap>(acc[q][0]), combine<L, Ap>(acc[q][1]));
+                const Vec lo = combine<L, Ap>(acc[q][0]);
+                y[p] = pack(lo, H == 2 ? combine<L, Ap>(acc[q][H - 1]) : lo);
             }
         });
     });
@@ -445,12 +447,13 @@ struct X86 {
     // Groups per call of streams(): bounds its copies on the stack.
     static constexpr int kStreamGroups = 8 * kGroups;
 
-    // Not inlined: the body and the zero-padded tail share one copy.
-    template <const auto &L>
+    // Not inlined: the body and the zero-padded tail share one copy. H = 1:
+    // one block of kLanes groups, for a tail that short.
+    template <const auto &L, int H = 2>
     RSMPL_FIR_NOINLINE static void chunk(const int16_t *x, int blocks, int16_t *out) {
         static_assert(L.R == 1);
         constexpr int P = std::remove_cvref_t<decltype(L)>::P;
-        for (int b = 0; b < blocks; ++b) block<L>(x, nullptr, b * kGroups, out + P * kGroups * b);
+        for (int b = 0; b < blocks; ++b) block<L, H>(x, nullptr, b * kGroups, out + P * kGroups * b);
     }
 
     // R > 1: `groups` groups (at most kStreamGroups) from x on, whose samples
