@@ -278,7 +278,8 @@ template <const auto &L, bool kBegin>
 }
 #undef RSMPL_X86_MARK
 
-// Pre-broadcast pair words, one vector per (row, pair): one plain load each.
+// Pre-broadcast pair words, one vector per (row, pair): one plain load each
+// (SSE4.1 has no broadcast from memory).
 template <const auto &L>
 struct Broadcast {
     using Layout = std::remove_cvref_t<decltype(L)>;
@@ -294,14 +295,17 @@ alignas(32) inline constexpr Broadcast<L> kBroadcast{};
 
 // The pair's coefficients in a register, loaded once for both halves of a
 // block: a multiply with its coefficients from memory costs a load each time,
-// and the load ports, not the multipliers, then set the pace.
-[[gnu::always_inline]] inline Vec coef(const int32_t *c) {
+// and the load ports, not the multipliers, then set the pace. With AVX2 the
+// load broadcasts the pair's word: the table is then eight times smaller
+// and its loads come from a line or two rather than from a new half-line each.
+template <const auto &L>
+[[gnu::always_inline]] inline Vec coef(int p, int m) {
 #if defined(__AVX2__)
     Vec v;
-    asm volatile("vmovdqa %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const Vec *>(c)));
+    asm volatile("vpbroadcastd %1, %0" : "=x"(v) : "m"(kWords<L>.w[p][m]));
     return v;
 #else
-    return load(c);
+    return load(kBroadcast<L>.v[p][m]);
 #endif
 }
 
@@ -419,7 +423,7 @@ template <const auto &L, int H = 2>
                     if constexpr (p < P && !L.zero_pair(p, m)) {
                         constexpr int b = L.bin[p][m];
                         constexpr bool first = first_of_bin(L, p, m);
-                        const Vec c = coef(kBroadcast<L>.v[p][m]);
+                        const Vec c = coef<L>(p, m);
                         madd_reg<first>(acc[q][0][b], x0, c);
                         if constexpr (H == 2) madd_reg<first>(acc[q][1][b], x1, c);
                     }
