@@ -16,10 +16,12 @@
 //               no partial sum can wrap
 //   combine     one bin (a row whose absolute coefficients add up to less
 //               than 65536): S itself, and S + 2^(s-1) still fits (s = 15).
-//               Several: S = their sum, exactly: each bin splits into its part
-//               above bit s (arithmetic shift) and its low s bits; the low
-//               parts plus 2^(s-1) are shifted once more and added, which is
-//               floor((S + 2^(s-1)) / 2^s) without ever forming S in 32 bits
+//               Several: S = their sum, exactly: every bin but the last
+//               splits into its part above bit s (arithmetic shift) and its
+//               low s bits; the low parts and 2^(s-1) are added to the last
+//               bin (it stays below 2^31: checked at compile time), which is
+//               shifted and added to the high parts: floor((S + 2^(s-1)) / 2^s)
+//               without ever forming S in 32 bits
 //   round       that floor is the rounding of R_s: halves go towards +inf
 //   saturate    packssdw clamps to -32768..32767
 #pragma once
@@ -214,6 +216,20 @@ template <int P>
 
 // ---- One block: 2W groups ----------------------------------------------------
 
+// The last bin of each row with several can take the others' low parts and
+// the half: w * 32768 + (A - 1) * (2^s - 1) + 2^(s-1) < 2^31 for its weight w.
+template <class Layout>
+constexpr bool carry_fits(const Layout &l) {
+    for (int p = 0; p < Layout::P; ++p) {
+        const int a = l.row_bins[p];
+        if (a > 1 && int64_t{l.bin_weight(p, a - 1)} * 32768 + int64_t{a - 1} * ((int64_t{1} << l.shift) - 1) +
+                             (int64_t{1} << (l.shift - 1)) >=
+                         (int64_t{1} << 31))
+            return false;
+    }
+    return true;
+}
+
 // R_s of the exact sum of the bins, per lane (see the top of the file).
 template <const auto &L, int A, int N>
 [[gnu::always_inline]] inline Vec combine(const Vec (&acc)[N]) {
@@ -222,14 +238,15 @@ template <const auto &L, int A, int N>
         // One bin below 65536 * 32768 - 2^(s-1): adding the half cannot wrap.
         return srai<s>(add(acc[0], set1(1 << (s - 1))));
     } else {
+        static_assert(carry_fits(L));
         const Vec low_mask = set1((1 << s) - 1);
         Vec high = srai<s>(acc[0]);
-        Vec low = and_(acc[0], low_mask);
-        for (int b = 1; b < A; ++b) {
+        Vec last = add(acc[A - 1], and_(acc[0], low_mask));
+        for (int b = 1; b < A - 1; ++b) {
             high = add(high, srai<s>(acc[b]));
-            low = add(low, and_(acc[b], low_mask));
+            last = add(last, and_(acc[b], low_mask));
         }
-        return add(high, srai<s>(add(low, set1(1 << (s - 1)))));
+        return add(high, srai<s>(add(last, set1(1 << (s - 1)))));
     }
 }
 
