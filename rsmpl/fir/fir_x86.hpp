@@ -373,14 +373,20 @@ constexpr bool first_of_bin(const Layout &l, int p, int m) {
     return true;
 }
 
-// With 256-bit vectors each stream is kept twice, the second copy 32 bytes
-// off a cache line, and every load takes the copy in which it stays inside
-// one line: blocks start 64 bytes apart in a stream (16 groups), so which
-// copy a pair reads is known at compile time. A load split over two lines
-// costs about two loads, and 7 in 16 of the loads at 4-byte steps would be.
-constexpr int kStreamCopies = kLanes == 8 ? 2 : 1;
-template <int J>
-inline constexpr int kCopy = kStreamCopies == 2 && 4 * (J % 16) + 4 * kLanes > 64 ? 1 : 0;
+// With 256-bit vectors a stream may be kept twice, the second copy 32 bytes
+// off a cache line, each load taking the copy in which it stays inside one
+// line: blocks start 64 bytes apart in a stream (16 groups), so which copy a
+// pair reads is known at compile time. A load split over two lines costs
+// about two; the second copy costs R more stores per kLanes groups. In
+// bench_kernels it pays where the first half's loads reach past offset 8 as
+// well (1:4 and 1:6 down, 16 offsets), not where only the second half's do
+// (1:3 and 2:3 down).
+template <const auto &L>
+constexpr int stream_copies() {
+    return kLanes == 8 && std::remove_cvref_t<decltype(L)>::Mp / L.R > 9 ? 2 : 1;
+}
+template <const auto &L, int J>
+inline constexpr int kCopy = stream_copies<L>() == 2 && 4 * (J % 16) + 4 * kLanes > 64 ? 1 : 0;
 
 // 2W groups from group i of the chunk on, every pair at compile time: its
 // bin, its stream (R > 1: s[c * R + r], copy c of stream r) and whether it
@@ -408,9 +414,10 @@ template <const auto &L, int H = 2>
         return 1;
     }();
     constexpr int kPasses = (P + PC - 1) / PC;
-    const int32_t *sb[R > 1 ? kStreamCopies * R : 1];
+    constexpr int C = R > 1 ? stream_copies<L>() : 1;
+    const int32_t *sb[C * R];
     if constexpr (R > 1)
-        for (int k = 0; k < kStreamCopies * R; ++k) {
+        for (int k = 0; k < C * R; ++k) {
             sb[k] = s[k] + i;
             // Each load as this base plus a constant, not a pointer of its own.
             asm("" : "+r"(sb[k]));
@@ -429,8 +436,8 @@ template <const auto &L, int H = 2>
                     if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
                 } else {
                     constexpr int j = m / R;
-                    x0 = samples(sb[kCopy<j> * R + m % R] + j);
-                    x1 = samples(sb[kCopy<j + kLanes> * R + m % R] + j + kLanes);
+                    x0 = samples(sb[kCopy<L, j> * R + m % R] + j);
+                    x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
                 }
                 // One load per pair, not one per phase.
                 asm("" : "+x"(x0), "+x"(x1));
@@ -494,11 +501,12 @@ struct X86 {
         constexpr int kExtra = (Layout::Mp - 1) / R + 1;
         constexpr int kLen = (kStreamGroups + kExtra + 15) / 16 * 16;  // whole vectors, whole lines
         alignas(64) int32_t copy0[R][kLen];
-        alignas(64) int32_t copy1[kStreamCopies == 2 ? R : 1][kStreamCopies == 2 ? kLen + 16 : 1];
+        constexpr int C = stream_copies<L>();
+        alignas(64) int32_t copy1[C == 2 ? R : 1][C == 2 ? kLen + 16 : 1];
         int32_t *s[2 * R];
         for (int r = 0; r < R; ++r) {
             s[r] = copy0[r];
-            if constexpr (kStreamCopies == 2) s[R + r] = copy1[r] + 8;
+            if constexpr (C == 2) s[R + r] = copy1[r] + 8;
         }
         const int blocks = (groups + kGroups - 1) / kGroups;
         for (int i = 0; i < blocks * kGroups + kExtra; i += kLanes) {
@@ -515,7 +523,7 @@ struct X86 {
             // Into the arrays by name: through s[], every store might move s[].
             for (int r = 0; r < R; ++r) {
                 store(copy0[r] + i, v[r]);
-                if constexpr (kStreamCopies == 2) store(copy1[r] + 8 + i, v[r]);
+                if constexpr (C == 2) store(copy1[r] + 8 + i, v[r]);
             }
         }
         // Each block's samples were read before any output is written; the
