@@ -25,13 +25,10 @@ namespace {
 
 constexpr int64_t min64(int64_t a, int64_t b) { return a < b ? a : b; }
 
-// Blocks per chunk: the most a vector chunk() is ever asked for at once.
-constexpr int kChunkBlocks = 4;
-
 // Isa::kGroups groups make a block; Isa::chunk<L>(x, blocks, out) computes
 // `blocks` blocks of groups whose samples start at x (group 0 at x[b0]) and
-// writes their P outputs per group from out[0] on. It reads every sample of
-// the chunk before it writes any output of it; blocks go in ascending order.
+// writes their P outputs per group from out[0] on. Each block reads all its
+// samples before it writes any of its outputs; blocks go in ascending order.
 //
 // In place (out inside x's buffer, each output below the samples later groups
 // still need, as the stage wrappers arrange): the body reads a block before
@@ -96,11 +93,9 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
             std::memset(frame, 0, sizeof frame);
             std::memcpy(frame, x + kStep * body, static_cast<size_t>(min64(span - kStep * body, kFrame)) * sizeof(int16_t));
         }
-        while (t < body) {
-            const int blocks = static_cast<int>(min64(kChunkBlocks, (body - t) / G));
-            Isa::template chunk<L>(x + kStep * t, blocks, out + P * t);
-            t += int64_t{blocks} * G;
-        }
+        // One call: these chunks keep nothing on the stack.
+        if (body > 0) Isa::template chunk<L>(x, static_cast<int>(body / G), out);
+        t = body;
         if (tail) {
             alignas(64) int16_t result[P * G];
             const int64_t groups = (units - t * L.units_per_group + L.units_per_group - 1) / L.units_per_group;
