@@ -71,23 +71,40 @@ template <int P>
         _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 8 * P + 8 * k), _mm256_extracti128_si256(z[k], 1));
     }
 }
-// Every R-th sample pair from p[0 ...], W groups: stream r gets p[R*k + r].
+// Every R-th sample pair of a[0 .. R-1] (W pairs each), W groups: stream r
+// gets pair R*k + r.
 template <int R>
-[[gnu::always_inline]] inline void deinterleave(const int32_t *p, Vec (&v)[R]) {
+[[gnu::always_inline]] inline void split(const Vec (&a)[R], Vec (&v)[R]) {
     if constexpr (R == 2) {
-        const __m256 a = _mm256_castsi256_ps(load(p)), b = _mm256_castsi256_ps(load(p + 8));
-        v[0] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0x88)), 0xD8);
-        v[1] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0xDD)), 0xD8);
+        const __m256 lo = _mm256_castsi256_ps(a[0]), hi = _mm256_castsi256_ps(a[1]);
+        v[0] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(lo, hi, 0x88)), 0xD8);
+        v[1] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(lo, hi, 0xDD)), 0xD8);
     } else {
         static_assert(R == 3);
-        const Vec a = load(p), b = load(p + 8), c = load(p + 16);
-        const Vec s0 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x92), c, 0x24);  // a0 b1 c2 a3 b4 c5 a6 b7
-        const Vec s1 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x24), c, 0x49);  // c0 a1 b2 c3 a4 b5 c6 a7
-        const Vec s2 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x49), c, 0x92);  // b0 c1 a2 b3 c4 a5 b6 c7
+        const Vec s0 = _mm256_blend_epi32(_mm256_blend_epi32(a[0], a[1], 0x92), a[2], 0x24);  // a0 b1 c2 a3 b4 c5 a6 b7
+        const Vec s1 = _mm256_blend_epi32(_mm256_blend_epi32(a[0], a[1], 0x24), a[2], 0x49);  // c0 a1 b2 c3 a4 b5 c6 a7
+        const Vec s2 = _mm256_blend_epi32(_mm256_blend_epi32(a[0], a[1], 0x49), a[2], 0x92);  // b0 c1 a2 b3 c4 a5 b6 c7
         v[0] = _mm256_permutevar8x32_epi32(s0, _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5));
         v[1] = _mm256_permutevar8x32_epi32(s1, _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6));
         v[2] = _mm256_permutevar8x32_epi32(s2, _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7));
     }
+}
+// The same from x[0 .. have-1] only (0 < have < 2 * R * W), zero past it:
+// masked loads, so the pairs go straight to registers. Through a zeroed
+// copy, the loads would straddle the copy's fresh stores and wait for them.
+template <int R>
+[[gnu::always_inline]] inline void split_part(const int16_t *x, int64_t have, Vec (&v)[R]) {
+    const auto *pairs = reinterpret_cast<const int *>(x);
+    const Vec whole = set1(static_cast<int32_t>(have / 2)), iota = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    uint16_t odd = 0;  // the first sample of a last, half-read pair
+    if (have % 2) std::memcpy(&odd, x + have - 1, sizeof odd);
+    Vec a[R];
+    for (int q = 0; q < R; ++q) {
+        const Vec at = add(iota, set1(8 * q));
+        a[q] = _mm256_maskload_epi32(pairs + 8 * q, _mm256_cmpgt_epi32(whole, at));
+        a[q] = _mm256_blendv_epi8(a[q], set1(odd), _mm256_cmpeq_epi32(whole, at));
+    }
+    split<R>(a, v);
 }
 #else
 using Vec = __m128i;
@@ -118,21 +135,29 @@ template <int P>
     for (int k = 0; k < P; ++k) store(out + 8 * k, z[k]);
 }
 template <int R>
-[[gnu::always_inline]] inline void deinterleave(const int32_t *p, Vec (&v)[R]) {
+[[gnu::always_inline]] inline void split(const Vec (&a)[R], Vec (&v)[R]) {
     if constexpr (R == 2) {
-        const __m128 a = _mm_castsi128_ps(load(p)), b = _mm_castsi128_ps(load(p + 4));
-        v[0] = _mm_castps_si128(_mm_shuffle_ps(a, b, 0x88));
-        v[1] = _mm_castps_si128(_mm_shuffle_ps(a, b, 0xDD));
+        const __m128 lo = _mm_castsi128_ps(a[0]), hi = _mm_castsi128_ps(a[1]);
+        v[0] = _mm_castps_si128(_mm_shuffle_ps(lo, hi, 0x88));
+        v[1] = _mm_castps_si128(_mm_shuffle_ps(lo, hi, 0xDD));
     } else {
         static_assert(R == 3);
-        const Vec a = load(p), b = load(p + 4), c = load(p + 8);
-        const Vec s0 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x30), c, 0x0C);  // a0 c1 b2 a3
-        const Vec s1 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0xC3), c, 0x30);  // b0 a1 c2 b3
-        const Vec s2 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x0C), c, 0xC3);  // c0 b1 a2 c3
+        const Vec s0 = _mm_blend_epi16(_mm_blend_epi16(a[0], a[1], 0x30), a[2], 0x0C);  // a0 c1 b2 a3
+        const Vec s1 = _mm_blend_epi16(_mm_blend_epi16(a[0], a[1], 0xC3), a[2], 0x30);  // b0 a1 c2 b3
+        const Vec s2 = _mm_blend_epi16(_mm_blend_epi16(a[0], a[1], 0x0C), a[2], 0xC3);  // c0 b1 a2 c3
         v[0] = _mm_shuffle_epi32(s0, 0x6C);  // 0 3 2 1
         v[1] = _mm_shuffle_epi32(s1, 0xB1);  // 1 0 3 2
         v[2] = _mm_shuffle_epi32(s2, 0xC6);  // 2 1 0 3
     }
+}
+// No masked loads before AVX: through a zeroed copy.
+template <int R>
+[[gnu::always_inline]] inline void split_part(const int16_t *x, int64_t have, Vec (&v)[R]) {
+    alignas(16) int16_t part[2 * R * kLanes] = {};
+    std::memcpy(part, x, static_cast<size_t>(have) * sizeof(int16_t));
+    Vec a[R];
+    for (int q = 0; q < R; ++q) a[q] = load(part + 2 * kLanes * q);
+    split<R>(a, v);
 }
 #endif
 
@@ -513,12 +538,13 @@ struct X86 {
             Vec v[R];
             const int64_t first = int64_t{2} * R * i;
             if (first + 2 * R * kLanes <= avail) {
-                deinterleave<R>(reinterpret_cast<const int32_t *>(x + first), v);
+                Vec a[R];
+                for (int q = 0; q < R; ++q) a[q] = load(x + first + 2 * kLanes * q);
+                split<R>(a, v);
+            } else if (first < avail) {
+                split_part<R>(x + first, avail - first, v);
             } else {
-                alignas(32) int16_t part[2 * R * kLanes] = {};
-                if (avail > first)
-                    std::memcpy(part, x + first, static_cast<size_t>(avail - first) * sizeof(int16_t));
-                deinterleave<R>(reinterpret_cast<const int32_t *>(part), v);
+                for (int r = 0; r < R; ++r) v[r] = zero();
             }
             // Into the arrays by name: through s[], every store might move s[].
             for (int r = 0; r < R; ++r) {
