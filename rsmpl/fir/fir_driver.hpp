@@ -25,7 +25,8 @@ namespace {
 
 constexpr int64_t min64(int64_t a, int64_t b) { return a < b ? a : b; }
 
-// Isa::kGroups groups make a block; Isa::chunk<L>(x, blocks, out) computes
+// Isa::kGroups groups make a block, each group reading Isa::reach<L>()
+// samples from its first; Isa::chunk<L>(x, blocks, out) computes
 // `blocks` blocks of groups whose samples start at x (group 0 at x[b0]) and
 // writes their P outputs per group from out[0] on. Each block reads all its
 // samples before it writes any of its outputs; blocks go in ascending order.
@@ -47,7 +48,7 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
     constexpr int G = Isa::kGroups;
     constexpr int P = Layout::P;
     constexpr int64_t kStep = 2 * L.R;                 // samples per group
-    constexpr int64_t kReach = L.b0 + 2 * Layout::Mp;  // samples one group reads
+    constexpr int64_t kReach = Isa::template reach<L>();  // samples one group reads
     if (count < L.unit_in) return;
     const int64_t units = count / L.unit_in;
     const int64_t span = L.unit_in * units + L.history;  // x[0 .. span-1] may be read

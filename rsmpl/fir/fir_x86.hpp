@@ -49,6 +49,7 @@ constexpr int kLanes = 8;
 [[gnu::always_inline]] inline Vec or_(Vec a, Vec b) { return _mm256_or_si256(a, b); }
 template <int S>
 [[gnu::always_inline]] inline Vec srai(Vec a) { return _mm256_srai_epi32(a, S); }
+[[gnu::always_inline]] inline Vec high16(Vec a) { return _mm256_srli_epi32(a, 16); }
 // Two vectors of W groups each to 16-bit words, eight consecutive groups per
 // 128-bit lane.
 [[gnu::always_inline]] inline Vec pack(Vec a, Vec b) { return _mm256_permute4x64_epi64(_mm256_packs_epi32(a, b), 0xD8); }
@@ -119,6 +120,7 @@ constexpr int kLanes = 4;
 [[gnu::always_inline]] inline Vec or_(Vec a, Vec b) { return _mm_or_si128(a, b); }
 template <int S>
 [[gnu::always_inline]] inline Vec srai(Vec a) { return _mm_srai_epi32(a, S); }
+[[gnu::always_inline]] inline Vec high16(Vec a) { return _mm_srli_epi32(a, 16); }
 [[gnu::always_inline]] inline Vec pack(Vec a, Vec b) { return _mm_packs_epi32(a, b); }
 [[gnu::always_inline]] inline Vec unpacklo16(Vec a, Vec b) { return _mm_unpacklo_epi16(a, b); }
 [[gnu::always_inline]] inline Vec unpackhi16(Vec a, Vec b) { return _mm_unpackhi_epi16(a, b); }
@@ -384,6 +386,14 @@ template <bool kFirst>
 #endif
 }
 
+// Is the last tap of every row zero padding (the L:1 up layouts)?
+template <class Layout>
+constexpr bool pad_last(const Layout &l) {
+    for (int p = 0; p < Layout::P; ++p)
+        if (l.c[p][2 * Layout::Mp - 1] != 0) return false;
+    return true;
+}
+
 // Does any row p0 .. p1-1 use pair m; is pair m the first of its bin in row p?
 template <class Layout>
 constexpr bool pair_used(const Layout &l, int p0, int p1, int m) {
@@ -456,7 +466,13 @@ template <const auto &L, int H = 2>
             constexpr int m = decltype(mc)::value;
             if constexpr (pair_used(L, pass * PC, pass * PC + PC, m)) {
                 Vec x0, x1 = zero();
-                if constexpr (R == 1) {
+                if constexpr (R == 1 && m == Mp - 1 && pad_last(L)) {
+                    // Loaded one sample early and shifted down: the pair's
+                    // second sample is the rows' zero padding, and for the
+                    // last group it may lie past what the kernel may read.
+                    x0 = high16(load(x + L.b0 + 2 * (i + m) - 1));
+                    if constexpr (H == 2) x1 = high16(load(x + L.b0 + 2 * (i + kLanes + m) - 1));
+                } else if constexpr (R == 1) {
                     x0 = load(x + L.b0 + 2 * (i + m));
                     if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
                 } else {
@@ -497,6 +513,12 @@ template <const auto &L, int H = 2>
 
 struct X86 {
     static constexpr int kGroups = 2 * kLanes;
+    // Samples a group reads: the last, zero-padding tap is never loaded.
+    template <const auto &L>
+    static constexpr int reach() {
+        using Layout = std::remove_cvref_t<decltype(L)>;
+        return L.b0 + 2 * Layout::Mp - (L.R == 1 && pad_last(L) ? 1 : 0);
+    }
     // Groups per call of streams(): bounds its copies on the stack.
     static constexpr int kStreamGroups = 8 * kGroups;
 
