@@ -457,7 +457,7 @@ template <const auto &L, int H = 2>
             // Each load as this base plus a constant, not a pointer of its own.
             asm("" : "+r"(sb[k]));
         }
-    mark<L, true>();
+    if constexpr (H == 2) mark<L, true>();  // the cost estimate counts whole blocks
     Vec y[P];
     unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
         constexpr int pass = decltype(pass_c)::value;
@@ -508,7 +508,7 @@ template <const auto &L, int H = 2>
     Vec z[P];
     interleave<P>(y, z);
     store_lanes<P>(out, z);
-    mark<L, false>();
+    if constexpr (H == 2) mark<L, false>();
 }
 
 struct X86 {
