@@ -337,13 +337,14 @@ protected:
 };
 
 // Counts from nothing up past several vector blocks and chunks: some end in
-// the vector body, some are all tail, most are both.
+// the vector body, some are all tail, most are both; around 64 and 128 groups
+// (where the x86 stream kernels start another copy) and past 256.
 std::vector<int32_t> counts_for(const Layout &l) {
     std::vector<int32_t> v;
     const int32_t group = l.unit_in * l.units_per_group;
     for (int32_t c = -1; c <= 40 * group; ++c) v.push_back(c);
-    for (int32_t c : {64 * group - 1, 64 * group, 64 * group + 1, 127 * group, 128 * group + l.unit_in, 480, 721,
-                      960, 1440})
+    for (int32_t c : {64 * group - 1, 64 * group, 64 * group + 1, 127 * group, 128 * group, 128 * group + l.unit_in,
+                      129 * group, 257 * group + l.unit_in, 480, 721, 960, 1440})
         v.push_back(c);
     return v;
 }

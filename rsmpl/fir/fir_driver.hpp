@@ -25,25 +25,30 @@ namespace {
 
 constexpr int64_t min64(int64_t a, int64_t b) { return a < b ? a : b; }
 
-// Blocks per chunk: the most a vector chunk() is ever asked for at once.
-constexpr int kChunkBlocks = 4;
-
-// Isa::kGroups groups make a block; Isa::chunk<L>(x, blocks, out) computes
+// Isa::kGroups groups make a block, each group reading Isa::reach<L>()
+// samples from its first; Isa::chunk<L>(x, blocks, out) computes
 // `blocks` blocks of groups whose samples start at x (group 0 at x[b0]) and
-// writes their P outputs per group from out[0] on. It reads every sample of
-// the chunk before it writes any output of it; blocks go in ascending order.
+// writes their P outputs per group from out[0] on. Each block reads all its
+// samples before it writes any of its outputs; blocks go in ascending order.
 //
 // In place (out inside x's buffer, each output below the samples later groups
 // still need, as the stage wrappers arrange): the body reads a block before
 // writing it, and the tail copies its samples before writing, so the vector
 // kernel keeps the scalar kernel's read-before-write order group by group.
+//
+// Isa::chunk<L, 1>(x, 1, out) computes the first G/2 groups of one block only.
+//
+// Layouts that read every R-th pair (R > 1) go to Isa::streams<L>(x, groups,
+// avail, out, outputs) instead, at most Isa::kStreamGroups groups a call: it
+// reads x[0 .. avail-1] only, as zero beyond, and writes the first `outputs`
+// outputs, all of its samples read before its first output is written.
 template <class Isa, const auto &L>
 void run(const int16_t *x, int16_t *out, int32_t count) {
     using Layout = std::remove_cvref_t<decltype(L)>;
     constexpr int G = Isa::kGroups;
     constexpr int P = Layout::P;
     constexpr int64_t kStep = 2 * L.R;                 // samples per group
-    constexpr int64_t kReach = L.b0 + 2 * Layout::Mp;  // samples one group reads
+    constexpr int64_t kReach = Isa::template reach<L>();  // samples one group reads
     if (count < L.unit_in) return;
     const int64_t units = count / L.unit_in;
     const int64_t span = L.unit_in * units + L.history;  // x[0 .. span-1] may be read
@@ -52,24 +57,56 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
     const int64_t body = min64(complete, fitting) / G * G;
 
     int64_t t = 0;
-    while (t < body) {
-        const int blocks = static_cast<int>(min64(kChunkBlocks, (body - t) / G));
-        Isa::template chunk<L>(x + kStep * t, blocks, out + P * t);
-        t += int64_t{blocks} * G;
-    }
-    // The last groups: partial, or reaching past the samples the kernel may
-    // read. Their samples go into a zeroed frame; zero samples and the rows'
-    // zero padding contribute nothing.
-    constexpr int64_t kFrame = kStep * (G - 1) + kReach;
-    while (t * L.units_per_group < units) {
-        alignas(64) int16_t frame[kFrame + 32] = {};
-        alignas(64) int16_t result[P * G];
-        const int64_t have = min64(span - kStep * t, kFrame);
-        std::memcpy(frame, x + kStep * t, static_cast<size_t>(have) * sizeof(int16_t));
-        Isa::template chunk<L>(frame, 1, result);
-        const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
-        std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
-        t += G;
+    if constexpr (L.R > 1) {
+        // The stream copy already zero-pads, so the last groups need no frame.
+        const int64_t groups = (units + L.units_per_group - 1) / L.units_per_group;
+        while (t < groups) {
+            const int n = static_cast<int>(min64(Isa::kStreamGroups, groups - t));
+            const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, int64_t{P} * n);
+            Isa::template streams<L>(x + kStep * t, n, span - kStep * t, out + P * t, outputs);
+            t += n;
+        }
+    } else {
+        // The last groups: partial, or reaching past the samples the kernel
+        // may read. Their samples go into a zeroed frame (zero samples and the
+        // rows' zero padding contribute nothing), taken before the body: the
+        // tail's loads straddle the frame's stores, and so long after them
+        // they find them in the cache rather than waiting for them. There is
+        // one such block at most (body is short of the groups by less than G,
+        // plus at most one group that reaches one sample too far).
+        static_assert(
+            [] {
+                // Past the first units the shortfall repeats: the body and the
+                // groups grow alike, one group per kStep samples.
+                for (int64_t u = 0; u < 4096; ++u) {
+                    const int64_t s = L.unit_in * u + L.history;
+                    const int64_t fit = s >= kReach ? (s - kReach) / kStep + 1 : 0;
+                    const int64_t b = min64(u / L.units_per_group, fit) / G * G;
+                    if ((u + L.units_per_group - 1) / L.units_per_group - b > G) return false;
+                }
+                return true;
+            }(),
+            "one tail block");
+        constexpr int64_t kFrame = kStep * (G - 1) + kReach;
+        alignas(64) int16_t frame[kFrame + 32];
+        const bool tail = body * L.units_per_group < units;
+        if (tail) {
+            std::memset(frame, 0, sizeof frame);
+            std::memcpy(frame, x + kStep * body, static_cast<size_t>(min64(span - kStep * body, kFrame)) * sizeof(int16_t));
+        }
+        // One call: these chunks keep nothing on the stack.
+        if (body > 0) Isa::template chunk<L>(x, static_cast<int>(body / G), out);
+        t = body;
+        if (tail) {
+            alignas(64) int16_t result[P * G];
+            const int64_t groups = (units - t * L.units_per_group + L.units_per_group - 1) / L.units_per_group;
+            if (groups <= G / 2)
+                Isa::template chunk<L, 1>(frame, 1, result);
+            else
+                Isa::template chunk<L>(frame, 1, result);
+            const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
+            std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
+        }
     }
 }
 

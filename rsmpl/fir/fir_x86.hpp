@@ -16,10 +16,12 @@
 //               no partial sum can wrap
 //   combine     one bin (a row whose absolute coefficients add up to less
 //               than 65536): S itself, and S + 2^(s-1) still fits (s = 15).
-//               Several: S = their sum, exactly: each bin splits into its part
-//               above bit s (arithmetic shift) and its low s bits; the low
-//               parts plus 2^(s-1) are shifted once more and added, which is
-//               floor((S + 2^(s-1)) / 2^s) without ever forming S in 32 bits
+//               Several: S = their sum, exactly: every bin but the last
+//               splits into its part above bit s (arithmetic shift) and its
+//               low s bits; the low parts and 2^(s-1) are added to the last
+//               bin (it stays below 2^31: checked at compile time), which is
+//               shifted and added to the high parts: floor((S + 2^(s-1)) / 2^s)
+//               without ever forming S in 32 bits
 //   round       that floor is the rounding of R_s: halves go towards +inf
 //   saturate    packssdw clamps to -32768..32767
 #pragma once
@@ -45,6 +47,7 @@ constexpr int kLanes = 8;
 [[gnu::always_inline]] inline Vec or_(Vec a, Vec b) { return _mm256_or_si256(a, b); }
 template <int S>
 [[gnu::always_inline]] inline Vec srai(Vec a) { return _mm256_srai_epi32(a, S); }
+[[gnu::always_inline]] inline Vec high16(Vec a) { return _mm256_srli_epi32(a, 16); }
 // Two vectors of W groups each to 16-bit words, eight consecutive groups per
 // 128-bit lane.
 [[gnu::always_inline]] inline Vec pack(Vec a, Vec b) { return _mm256_permute4x64_epi64(_mm256_packs_epi32(a, b), 0xD8); }
@@ -67,24 +70,40 @@ template <int P>
         _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 8 * P + 8 * k), _mm256_extracti128_si256(z[k], 1));
     }
 }
-// Every R-th sample pair from D[R*i ...], W groups: stream r gets D[R*i + r].
+// Every R-th sample pair of a[0 .. R-1] (W pairs each), W groups: stream r
+// gets pair R*k + r.
 template <int R>
-[[gnu::always_inline]] inline void deinterleave(const void *d, int32_t *const *s, int i) {
-    const auto *p = static_cast<const int32_t *>(d) + R * i;
+[[gnu::always_inline]] inline void split(const Vec (&a)[R], Vec (&v)[R]) {
     if constexpr (R == 2) {
-        const __m256 a = _mm256_castsi256_ps(load(p)), b = _mm256_castsi256_ps(load(p + 8));
-        store(s[0] + i, _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0x88)), 0xD8));
-        store(s[1] + i, _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(a, b, 0xDD)), 0xD8));
+        const __m256 lo = _mm256_castsi256_ps(a[0]), hi = _mm256_castsi256_ps(a[1]);
+        v[0] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(lo, hi, 0x88)), 0xD8);
+        v[1] = _mm256_permute4x64_epi64(_mm256_castps_si256(_mm256_shuffle_ps(lo, hi, 0xDD)), 0xD8);
     } else {
         static_assert(R == 3);
-        const Vec a = load(p), b = load(p + 8), c = load(p + 16);
-        const Vec s0 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x92), c, 0x24);  // a0 b1 c2 a3 b4 c5 a6 b7
-        const Vec s1 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x24), c, 0x49);  // c0 a1 b2 c3 a4 b5 c6 a7
-        const Vec s2 = _mm256_blend_epi32(_mm256_blend_epi32(a, b, 0x49), c, 0x92);  // b0 c1 a2 b3 c4 a5 b6 c7
-        store(s[0] + i, _mm256_permutevar8x32_epi32(s0, _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5)));
-        store(s[1] + i, _mm256_permutevar8x32_epi32(s1, _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6)));
-        store(s[2] + i, _mm256_permutevar8x32_epi32(s2, _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7)));
+        const Vec s0 = _mm256_blend_epi32(_mm256_blend_epi32(a[0], a[1], 0x92), a[2], 0x24);  // a0 b1 c2 a3 b4 c5 a6 b7
+        const Vec s1 = _mm256_blend_epi32(_mm256_blend_epi32(a[0], a[1], 0x24), a[2], 0x49);  // c0 a1 b2 c3 a4 b5 c6 a7
+        const Vec s2 = _mm256_blend_epi32(_mm256_blend_epi32(a[0], a[1], 0x49), a[2], 0x92);  // b0 c1 a2 b3 c4 a5 b6 c7
+        v[0] = _mm256_permutevar8x32_epi32(s0, _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5));
+        v[1] = _mm256_permutevar8x32_epi32(s1, _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6));
+        v[2] = _mm256_permutevar8x32_epi32(s2, _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7));
     }
+}
+// The same from x[0 .. have-1] only (0 < have < 2 * R * W), zero past it:
+// masked loads, so the pairs go straight to registers. Through a zeroed
+// copy, the loads would straddle the copy's fresh stores and wait for them.
+template <int R>
+[[gnu::always_inline]] inline void split_part(const int16_t *x, int64_t have, Vec (&v)[R]) {
+    const auto *pairs = reinterpret_cast<const int *>(x);
+    const Vec whole = set1(static_cast<int32_t>(have / 2)), iota = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    uint16_t odd = 0;  // the first sample of a last, half-read pair
+    if (have % 2) std::memcpy(&odd, x + have - 1, sizeof odd);
+    Vec a[R];
+    for (int q = 0; q < R; ++q) {
+        const Vec at = add(iota, set1(8 * q));
+        a[q] = _mm256_maskload_epi32(pairs + 8 * q, _mm256_cmpgt_epi32(whole, at));
+        a[q] = _mm256_blendv_epi8(a[q], set1(odd), _mm256_cmpeq_epi32(whole, at));
+    }
+    split<R>(a, v);
 }
 #else
 using Vec = __m128i;
@@ -99,6 +118,7 @@ constexpr int kLanes = 4;
 [[gnu::always_inline]] inline Vec or_(Vec a, Vec b) { return _mm_or_si128(a, b); }
 template <int S>
 [[gnu::always_inline]] inline Vec srai(Vec a) { return _mm_srai_epi32(a, S); }
+[[gnu::always_inline]] inline Vec high16(Vec a) { return _mm_srli_epi32(a, 16); }
 [[gnu::always_inline]] inline Vec pack(Vec a, Vec b) { return _mm_packs_epi32(a, b); }
 [[gnu::always_inline]] inline Vec unpacklo16(Vec a, Vec b) { return _mm_unpacklo_epi16(a, b); }
 [[gnu::always_inline]] inline Vec unpackhi16(Vec a, Vec b) { return _mm_unpackhi_epi16(a, b); }
@@ -115,22 +135,29 @@ template <int P>
     for (int k = 0; k < P; ++k) store(out + 8 * k, z[k]);
 }
 template <int R>
-[[gnu::always_inline]] inline void deinterleave(const void *d, int32_t *const *s, int i) {
-    const auto *p = static_cast<const int32_t *>(d) + R * i;
+[[gnu::always_inline]] inline void split(const Vec (&a)[R], Vec (&v)[R]) {
     if constexpr (R == 2) {
-        const __m128 a = _mm_castsi128_ps(load(p)), b = _mm_castsi128_ps(load(p + 4));
-        store(s[0] + i, _mm_castps_si128(_mm_shuffle_ps(a, b, 0x88)));
-        store(s[1] + i, _mm_castps_si128(_mm_shuffle_ps(a, b, 0xDD)));
+        const __m128 lo = _mm_castsi128_ps(a[0]), hi = _mm_castsi128_ps(a[1]);
+        v[0] = _mm_castps_si128(_mm_shuffle_ps(lo, hi, 0x88));
+        v[1] = _mm_castps_si128(_mm_shuffle_ps(lo, hi, 0xDD));
     } else {
         static_assert(R == 3);
-        const Vec a = load(p), b = load(p + 4), c = load(p + 8);
-        const Vec s0 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x30), c, 0x0C);  // a0 c1 b2 a3
-        const Vec s1 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0xC3), c, 0x30);  // b0 a1 c2 b3
-        const Vec s2 = _mm_blend_epi16(_mm_blend_epi16(a, b, 0x0C), c, 0xC3);  // c0 b1 a2 c3
-        store(s[0] + i, _mm_shuffle_epi32(s0, 0x6C));  // 0 3 2 1
-        store(s[1] + i, _mm_shuffle_epi32(s1, 0xB1));  // 1 0 3 2
-        store(s[2] + i, _mm_shuffle_epi32(s2, 0xC6));  // 2 1 0 3
+        const Vec s0 = _mm_blend_epi16(_mm_blend_epi16(a[0], a[1], 0x30), a[2], 0x0C);  // a0 c1 b2 a3
+        const Vec s1 = _mm_blend_epi16(_mm_blend_epi16(a[0], a[1], 0xC3), a[2], 0x30);  // b0 a1 c2 b3
+        const Vec s2 = _mm_blend_epi16(_mm_blend_epi16(a[0], a[1], 0x0C), a[2], 0xC3);  // c0 b1 a2 c3
+        v[0] = _mm_shuffle_epi32(s0, 0x6C);  // 0 3 2 1
+        v[1] = _mm_shuffle_epi32(s1, 0xB1);  // 1 0 3 2
+        v[2] = _mm_shuffle_epi32(s2, 0xC6);  // 2 1 0 3
     }
+}
+// No masked loads before AVX: through a zeroed copy.
+template <int R>
+[[gnu::always_inline]] inline void split_part(const int16_t *x, int64_t have, Vec (&v)[R]) {
+    alignas(16) int16_t part[2 * R * kLanes] = {};
+    std::memcpy(part, x, static_cast<size_t>(have) * sizeof(int16_t));
+    Vec a[R];
+    for (int q = 0; q < R; ++q) a[q] = load(part + 2 * kLanes * q);
+    split<R>(a, v);
 }
 #endif
 
@@ -214,6 +241,20 @@ template <int P>
 
 // ---- One block: 2W groups ----------------------------------------------------
 
+// The last bin of each row with several can take the others' low parts and
+// the half: w * 32768 + (A - 1) * (2^s - 1) + 2^(s-1) < 2^31 for its weight w.
+template <class Layout>
+constexpr bool carry_fits(const Layout &l) {
+    for (int p = 0; p < Layout::P; ++p) {
+        const int a = l.row_bins[p];
+        if (a > 1 && int64_t{l.bin_weight(p, a - 1)} * 32768 + int64_t{a - 1} * ((int64_t{1} << l.shift) - 1) +
+                             (int64_t{1} << (l.shift - 1)) >=
+                         (int64_t{1} << 31))
+            return false;
+    }
+    return true;
+}
+
 // R_s of the exact sum of the bins, per lane (see the top of the file).
 template <const auto &L, int A, int N>
 [[gnu::always_inline]] inline Vec combine(const Vec (&acc)[N]) {
@@ -222,14 +263,15 @@ template <const auto &L, int A, int N>
         // One bin below 65536 * 32768 - 2^(s-1): adding the half cannot wrap.
         return srai<s>(add(acc[0], set1(1 << (s - 1))));
     } else {
+        static_assert(carry_fits(L));
         const Vec low_mask = set1((1 << s) - 1);
         Vec high = srai<s>(acc[0]);
-        Vec low = and_(acc[0], low_mask);
-        for (int b = 1; b < A; ++b) {
+        Vec last = add(acc[A - 1], and_(acc[0], low_mask));
+        for (int b = 1; b < A - 1; ++b) {
             high = add(high, srai<s>(acc[b]));
-            low = add(low, and_(acc[b], low_mask));
+            last = add(last, and_(acc[b], low_mask));
         }
-        return add(high, srai<s>(add(low, set1(1 << (s - 1)))));
+        return add(high, srai<s>(add(last, set1(1 << (s - 1)))));
     }
 }
 
@@ -263,7 +305,8 @@ template <const auto &L, bool kBegin>
         Mark::end();
 }
 
-// Pre-broadcast pair words, one vector per (row, pair): one plain load each.
+// Pre-broadcast pair words, one vector per (row, pair): one plain load each
+// (SSE4.1 has no broadcast from memory).
 template <const auto &L>
 struct Broadcast {
     using Layout = std::remove_cvref_t<decltype(L)>;
@@ -279,14 +322,32 @@ alignas(32) inline constexpr Broadcast<L> kBroadcast{};
 
 // The pair's coefficients in a register, loaded once for both halves of a
 // block: a multiply with its coefficients from memory costs a load each time,
-// and the load ports, not the multipliers, then set the pace.
-[[gnu::always_inline]] inline Vec coef(const int32_t *c) {
+// and the load ports, not the multipliers, then set the pace. With AVX2 the
+// load broadcasts the pair's word: the table is then eight times smaller
+// and its loads come from a line or two rather than from a new half-line each.
+template <const auto &L>
+[[gnu::always_inline]] inline Vec coef(int p, int m) {
 #if defined(__AVX2__)
     Vec v;
-    asm volatile("vmovdqa %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const Vec *>(c)));
+    asm volatile("vpbroadcastd %1, %0" : "=x"(v) : "m"(kWords<L>.w[p][m]));
     return v;
 #else
-    return load(c);
+    return load(kBroadcast<L>.v[p][m]);
+#endif
+}
+
+// A stream load, kept where it is written among the multiplies: GCC
+// otherwise loads a whole block's samples up front and spills them.
+[[gnu::always_inline]] inline Vec samples(const int32_t *p) {
+#if defined(__AVX2__)
+    struct Bytes {
+        unsigned char b[sizeof(Vec)];
+    };
+    Vec v;
+    asm volatile("vmovdqu %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const Bytes *>(p)));
+    return v;
+#else
+    return load(p);
 #endif
 }
 
@@ -308,6 +369,14 @@ template <bool kFirst>
 #endif
 }
 
+// Is the last tap of every row zero padding (the L:1 up layouts)?
+template <class Layout>
+constexpr bool pad_last(const Layout &l) {
+    for (int p = 0; p < Layout::P; ++p)
+        if (l.c[p][2 * Layout::Mp - 1] != 0) return false;
+    return true;
+}
+
 // Does any row p0 .. p1-1 use pair m; is pair m the first of its bin in row p?
 template <class Layout>
 constexpr bool pair_used(const Layout &l, int p0, int p1, int m) {
@@ -322,10 +391,26 @@ constexpr bool first_of_bin(const Layout &l, int p, int m) {
     return true;
 }
 
-// 2W groups from group i of the chunk on, every pair at compile time: its
-// bin, its stream (R > 1) and whether it is the first of its bin; zero pairs
-// are skipped.
+// With 256-bit vectors a stream may be kept twice, the second copy 32 bytes
+// off a cache line, each load taking the copy in which it stays inside one
+// line: blocks start 64 bytes apart in a stream (16 groups), so which copy a
+// pair reads is known at compile time. A load split over two lines costs
+// about two; the second copy costs R more stores per kLanes groups. In
+// bench_kernels it pays where the first half's loads reach past offset 8 as
+// well (1:4 and 1:6 down, 16 offsets), not where only the second half's do
+// (1:3 and 2:3 down).
 template <const auto &L>
+constexpr int stream_copies() {
+    return kLanes == 8 && std::remove_cvref_t<decltype(L)>::Mp / L.R > 9 ? 2 : 1;
+}
+template <const auto &L, int J>
+inline constexpr int kCopy = stream_copies<L>() == 2 && 4 * (J % 16) + 4 * kLanes > 64 ? 1 : 0;
+
+// 2W groups from group i of the chunk on, every pair at compile time: its
+// bin, its stream (R > 1: s[c * R + r], copy c of stream r) and whether it
+// is the first of its bin; zero pairs are skipped. H = 1: the first W groups
+// only (the outputs of the others are left undefined).
+template <const auto &L, int H = 2>
 [[gnu::always_inline]] inline void block(const int16_t *x, const int32_t *const *s, int i, int16_t *out) {
     using Layout = std::remove_cvref_t<decltype(L)>;
     constexpr int P = Layout::P;
@@ -347,22 +432,36 @@ template <const auto &L>
         return 1;
     }();
     constexpr int kPasses = (P + PC - 1) / PC;
-    mark<L, true>();
+    constexpr int C = R > 1 ? stream_copies<L>() : 1;
+    const int32_t *sb[C * R];
+    if constexpr (R > 1)
+        for (int k = 0; k < C * R; ++k) {
+            sb[k] = s[k] + i;
+            // Each load as this base plus a constant, not a pointer of its own.
+            asm("" : "+r"(sb[k]));
+        }
+    if constexpr (H == 2) mark<L, true>();  // the cost estimate counts whole blocks
     Vec y[P];
     unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
         constexpr int pass = decltype(pass_c)::value;
-        Vec acc[PC][2][A];
+        Vec acc[PC][H][A];
         unroll<Mp>([&](auto mc) __attribute__((always_inline)) {
             constexpr int m = decltype(mc)::value;
             if constexpr (pair_used(L, pass * PC, pass * PC + PC, m)) {
-                Vec x0, x1;
-                if constexpr (R == 1) {
+                Vec x0, x1 = zero();
+                if constexpr (R == 1 && m == Mp - 1 && pad_last(L)) {
+                    // Loaded one sample early and shifted down: the pair's
+                    // second sample is the rows' zero padding, and for the
+                    // last group it may lie past what the kernel may read.
+                    x0 = high16(load(x + L.b0 + 2 * (i + m) - 1));
+                    if constexpr (H == 2) x1 = high16(load(x + L.b0 + 2 * (i + kLanes + m) - 1));
+                } else if constexpr (R == 1) {
                     x0 = load(x + L.b0 + 2 * (i + m));
-                    x1 = load(x + L.b0 + 2 * (i + kLanes + m));
+                    if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
                 } else {
-                    const int32_t *stream = s[m % R] + m / R;
-                    x0 = load(stream + i);
-                    x1 = load(stream + i + kLanes);
+                    constexpr int j = m / R;
+                    x0 = samples(sb[kCopy<L, j> * R + m % R] + j);
+                    x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
                 }
                 // One load per pair, not one per phase.
                 asm("" : "+x"(x0), "+x"(x1));
@@ -372,9 +471,9 @@ template <const auto &L>
                     if constexpr (p < P && !L.zero_pair(p, m)) {
                         constexpr int b = L.bin[p][m];
                         constexpr bool first = first_of_bin(L, p, m);
-                        const Vec c = coef(kBroadcast<L>.v[p][m]);
+                        const Vec c = coef<L>(p, m);
                         madd_reg<first>(acc[q][0][b], x0, c);
-                        madd_reg<first>(acc[q][1][b], x1, c);
+                        if constexpr (H == 2) madd_reg<first>(acc[q][1][b], x1, c);
                     }
                 });
             }
@@ -384,47 +483,88 @@ template <const auto &L>
             constexpr int p = pass * PC + q;
             if constexpr (p < P) {
                 constexpr int Ap = L.row_bins[p];
-                y[p] = pack(combine<L, Ap>(acc[q][0]), combine<L, Ap>(acc[q][1]));
+                const Vec lo = combine<L, Ap>(acc[q][0]);
+                y[p] = pack(lo, H == 2 ? combine<L, Ap>(acc[q][H - 1]) : lo);
             }
         });
     });
     Vec z[P];
     interleave<P>(y, z);
     store_lanes<P>(out, z);
-    mark<L, false>();
+    if constexpr (H == 2) mark<L, false>();
 }
 
 struct X86 {
     static constexpr int kGroups = 2 * kLanes;
-
-    // Not inlined: the body and the zero-padded tail share one copy.
+    // Samples a group reads: the last, zero-padding tap is never loaded.
     template <const auto &L>
+    static constexpr int reach() {
+        using Layout = std::remove_cvref_t<decltype(L)>;
+        return L.b0 + 2 * Layout::Mp - (L.R == 1 && pad_last(L) ? 1 : 0);
+    }
+    // Groups per call of streams(): bounds its copies on the stack.
+    static constexpr int kStreamGroups = 8 * kGroups;
+
+    // Not inlined: the body and the zero-padded tail share one copy. H = 1:
+    // one block of kLanes groups, for a tail that short.
+    template <const auto &L, int H = 2>
     RSMPL_FIR_NOINLINE static void chunk(const int16_t *x, int blocks, int16_t *out) {
+        static_assert(L.R == 1);
+        constexpr int P = std::remove_cvref_t<decltype(L)>::P;
+        for (int b = 0; b < blocks; ++b) block<L, H>(x, nullptr, b * kGroups, out + P * kGroups * b);
+    }
+
+    // R > 1: `groups` groups (at most kStreamGroups) from x on, whose samples
+    // x[0 .. avail-1] may be read (the rest count as zero), writing the first
+    // `outputs` of their outputs. The kernel loads every R-th pair, so the
+    // pairs of all the groups are first copied into R streams; the last
+    // block, partial or reaching past avail, is no different from the others
+    // but for its zeros and the copy of its outputs.
+    template <const auto &L>
+    RSMPL_FIR_NOINLINE static void streams(const int16_t *x, int groups, int64_t avail, int16_t *out,
+                                           int64_t outputs) {
         using Layout = std::remove_cvref_t<decltype(L)>;
         constexpr int P = Layout::P;
-        if constexpr (L.R == 1) {
-            for (int b = 0; b < blocks; ++b) block<L>(x, nullptr, b * kGroups, out + P * kGroups * b);
-        } else {
-            static_assert(L.b0 == 0);
-            constexpr int R = L.R;
-            constexpr int kMaxGroups = kChunkBlocks * kGroups;
-            constexpr int kExtra = (Layout::Mp - 1) / R + 1;
-            alignas(32) int32_t streams[R][kMaxGroups + kExtra];
-            int32_t *s[R];
-            for (int r = 0; r < R; ++r) s[r] = streams[r];
-            const int groups = blocks * kGroups;
-            for (int i = 0; i < groups; i += kLanes) deinterleave<R>(x, s, i);
-            // Past the chunk's own pairs, only those its last groups reach.
-            const int64_t last = int64_t{R} * (groups - 1) + Layout::Mp - 1;
-            for (int i = groups; i < groups + kExtra; ++i)
-                for (int r = 0; r < R; ++r) {
-                    const int64_t d = int64_t{R} * i + r;
-                    if (d <= last)
-                        std::memcpy(&s[r][i], x + 2 * d, sizeof(int32_t));
-                    else
-                        s[r][i] = 0;
-                }
-            for (int b = 0; b < blocks; ++b) block<L>(x, s, b * kGroups, out + P * kGroups * b);
+        constexpr int R = L.R;
+        static_assert(R > 1 && L.b0 == 0);
+        // Past its last group's first pairs, a block reads this many more per stream.
+        constexpr int kExtra = (Layout::Mp - 1) / R + 1;
+        constexpr int kLen = (kStreamGroups + kExtra + 15) / 16 * 16;  // whole vectors, whole lines
+        alignas(64) int32_t copy0[R][kLen];
+        constexpr int C = stream_copies<L>();
+        alignas(64) int32_t copy1[C == 2 ? R : 1][C == 2 ? kLen + 16 : 1];
+        int32_t *s[2 * R];
+        for (int r = 0; r < R; ++r) {
+            s[r] = copy0[r];
+            if constexpr (C == 2) s[R + r] = copy1[r] + 8;
+        }
+        const int blocks = (groups + kGroups - 1) / kGroups;
+        for (int i = 0; i < blocks * kGroups + kExtra; i += kLanes) {
+            Vec v[R];
+            const int64_t first = int64_t{2} * R * i;
+            if (first + 2 * R * kLanes <= avail) {
+                Vec a[R];
+                for (int q = 0; q < R; ++q) a[q] = load(x + first + 2 * kLanes * q);
+                split<R>(a, v);
+            } else if (first < avail) {
+                split_part<R>(x + first, avail - first, v);
+            } else {
+                for (int r = 0; r < R; ++r) v[r] = zero();
+            }
+            // Into the arrays by name: through s[], every store might move s[].
+            for (int r = 0; r < R; ++r) {
+                store(copy0[r] + i, v[r]);
+                if constexpr (C == 2) store(copy1[r] + 8 + i, v[r]);
+            }
+        }
+        // Each block's samples were read before any output is written; the
+        // copy reads the whole chunk first, so in place is safe.
+        alignas(32) int16_t result[P * kGroups];
+        for (int b = 0; b < blocks; ++b) {
+            const int64_t done = int64_t{P} * kGroups * b;
+            const bool whole = done + P * kGroups <= outputs;
+            block<L>(x, s, b * kGroups, whole ? out + done : result);
+            if (!whole) std::memcpy(out + done, result, static_cast<size_t>(outputs - done) * sizeof(int16_t));
         }
     }
 };
