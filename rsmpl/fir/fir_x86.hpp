@@ -377,11 +377,40 @@ constexpr bool pad_last(const Layout &l) {
     return true;
 }
 
-// Does any row p0 .. p1-1 use pair m; is pair m the first of its bin in row p?
+// The L:1 up layouts: is each row of the second half the row P/2 before it
+// one tap later? Its outputs are then that row's pairs against the samples
+// one later, an unaligned load: one pair fewer than its own padded row, and
+// the same pair words. The last tap being padding, the shifted load reads no
+// further than the row does.
 template <class Layout>
-constexpr bool pair_used(const Layout &l, int p0, int p1, int m) {
-    for (int p = p0; p < p1 && p < Layout::P; ++p)
-        if (!l.zero_pair(p, m)) return true;
+constexpr bool odd_twins(const Layout &l) {
+    constexpr int P = Layout::P, T = 2 * Layout::Mp;
+    if (l.R != 1 || P % 2 != 0 || !pad_last(l)) return false;
+    for (int p = 0; p < P / 2; ++p) {
+        if (l.c[p + P / 2][0] != 0) return false;
+        for (int i = 0; i + 1 < T; ++i)
+            if (l.c[p + P / 2][i + 1] != l.c[p][i]) return false;
+    }
+    return true;
+}
+// The row whose pairs and bins phase p uses, and whether against the
+// samples one later.
+template <const auto &L>
+constexpr int src_row(int p) {
+    constexpr int P = std::remove_cvref_t<decltype(L)>::P;
+    return odd_twins(L) && p >= P / 2 ? p - P / 2 : p;
+}
+template <const auto &L>
+constexpr bool odd_row(int p) {
+    return src_row<L>(p) != p;
+}
+
+// Does any phase p0 .. p1-1 use pair m (odd: those against the later
+// samples, else the others); is pair m the first of its bin in row p?
+template <const auto &L>
+constexpr bool pair_used(int p0, int p1, int m, bool odd) {
+    for (int p = p0; p < p1 && p < std::remove_cvref_t<decltype(L)>::P; ++p)
+        if (odd_row<L>(p) == odd && !L.zero_pair(src_row<L>(p), m)) return true;
     return false;
 }
 template <class Layout>
@@ -424,7 +453,11 @@ template <const auto &L, int H = 2>
             bool fits = true;
             for (int p0 = 0; p0 < P; p0 += pc) {
                 int regs = 0;
-                for (int p = p0; p < p0 + pc && p < P; ++p) regs += 2 * L.row_bins[p];
+                for (int p = p0; p < p0 + pc && p < P; ++p) {
+                    regs += 2 * L.row_bins[src_row<L>(p)];
+                    // A pass of both kinds of row loads both sample sets.
+                    fits = fits && odd_row<L>(p) == odd_row<L>(p0);
+                }
                 fits = fits && regs <= 12;
             }
             if (fits) return pc;
@@ -447,33 +480,45 @@ template <const auto &L, int H = 2>
         Vec acc[PC][H][A];
         unroll<Mp>([&](auto mc) __attribute__((always_inline)) {
             constexpr int m = decltype(mc)::value;
-            if constexpr (pair_used(L, pass * PC, pass * PC + PC, m)) {
-                Vec x0, x1 = zero();
-                if constexpr (R == 1 && m == Mp - 1 && pad_last(L)) {
-                    // Loaded one sample early and shifted down: the pair's
-                    // second sample is the rows' zero padding, and for the
-                    // last group it may lie past what the kernel may read.
-                    x0 = high16(load(x + L.b0 + 2 * (i + m) - 1));
-                    if constexpr (H == 2) x1 = high16(load(x + L.b0 + 2 * (i + kLanes + m) - 1));
-                } else if constexpr (R == 1) {
-                    x0 = load(x + L.b0 + 2 * (i + m));
-                    if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
-                } else {
-                    constexpr int j = m / R;
-                    x0 = samples(sb[kCopy<L, j> * R + m % R] + j);
-                    x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
+            constexpr bool kEven = pair_used<L>(pass * PC, pass * PC + PC, m, false);
+            constexpr bool kOdd = pair_used<L>(pass * PC, pass * PC + PC, m, true);
+            if constexpr (kEven || kOdd) {
+                Vec x0 = zero(), x1 = zero(), o0 = zero(), o1 = zero();
+                if constexpr (kEven) {
+                    if constexpr (R == 1 && m == Mp - 1 && pad_last(L)) {
+                        // Loaded one sample early and shifted down: the pair's
+                        // second sample is the rows' zero padding, and for the
+                        // last group it may lie past what the kernel may read.
+                        x0 = high16(load(x + L.b0 + 2 * (i + m) - 1));
+                        if constexpr (H == 2) x1 = high16(load(x + L.b0 + 2 * (i + kLanes + m) - 1));
+                    } else if constexpr (R == 1) {
+                        x0 = load(x + L.b0 + 2 * (i + m));
+                        if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
+                    } else {
+                        constexpr int j = m / R;
+                        x0 = samples(sb[kCopy<L, j> * R + m % R] + j);
+                        x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
+                    }
+                    // One load per pair, not one per phase.
+                    asm("" : "+x"(x0), "+x"(x1));
                 }
-                // One load per pair, not one per phase.
-                asm("" : "+x"(x0), "+x"(x1));
+                if constexpr (kOdd) {
+                    static_assert(m < Mp - 1);  // the padding pair is never loaded
+                    o0 = load(x + L.b0 + 2 * (i + m) + 1);
+                    if constexpr (H == 2) o1 = load(x + L.b0 + 2 * (i + kLanes + m) + 1);
+                    asm("" : "+x"(o0), "+x"(o1));
+                }
                 unroll<PC>([&](auto qc) __attribute__((always_inline)) {
                     constexpr int q = decltype(qc)::value;
                     constexpr int p = pass * PC + q;
-                    if constexpr (p < P && !L.zero_pair(p, m)) {
-                        constexpr int b = L.bin[p][m];
-                        constexpr bool first = first_of_bin(L, p, m);
-                        const Vec c = coef<L>(p, m);
-                        madd_reg<first>(acc[q][0][b], x0, c);
-                        if constexpr (H == 2) madd_reg<first>(acc[q][1][b], x1, c);
+                    constexpr int sp = src_row<L>(p < P ? p : 0);
+                    if constexpr (p < P && !L.zero_pair(sp, m)) {
+                        constexpr int b = L.bin[sp][m];
+                        constexpr bool first = first_of_bin(L, sp, m);
+                        constexpr bool odd = odd_row<L>(p);
+                        const Vec c = coef<L>(sp, m);
+                        madd_reg<first>(acc[q][0][b], odd ? o0 : x0, c);
+                        if constexpr (H == 2) madd_reg<first>(acc[q][1][b], odd ? o1 : x1, c);
                     }
                 });
             }
@@ -482,7 +527,7 @@ template <const auto &L, int H = 2>
             constexpr int q = decltype(qc)::value;
             constexpr int p = pass * PC + q;
             if constexpr (p < P) {
-                constexpr int Ap = L.row_bins[p];
+                constexpr int Ap = L.row_bins[src_row<L>(p)];
                 const Vec lo = combine<L, Ap>(acc[q][0]);
                 y[p] = pack(lo, H == 2 ? combine<L, Ap>(acc[q][H - 1]) : lo);
             }
