@@ -497,7 +497,7 @@ template <const auto &L, int H = 2>
                     } else {
                         constexpr int j = m / R;
                         x0 = samples(sb[kCopy<L, j> * R + m % R] + j);
-                        x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
+                        if constexpr (H == 2) x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
                     }
                     // One load per pair, not one per phase.
                     asm("" : "+x"(x0), "+x"(x1));
@@ -607,9 +607,16 @@ struct X86 {
         alignas(32) int16_t result[P * kGroups];
         for (int b = 0; b < blocks; ++b) {
             const int64_t done = int64_t{P} * kGroups * b;
-            const bool whole = done + P * kGroups <= outputs;
-            block<L>(x, s, b * kGroups, whole ? out + done : result);
-            if (!whole) std::memcpy(out + done, result, static_cast<size_t>(outputs - done) * sizeof(int16_t));
+            if (done + P * kGroups <= outputs) {
+                block<L>(x, s, b * kGroups, out + done);
+                continue;
+            }
+            // A last block of kLanes groups or fewer: half the work.
+            if (outputs - done <= P * kLanes)
+                block<L, 1>(x, s, b * kGroups, result);
+            else
+                block<L>(x, s, b * kGroups, result);
+            std::memcpy(out + done, result, static_cast<size_t>(outputs - done) * sizeof(int16_t));
         }
     }
 };
