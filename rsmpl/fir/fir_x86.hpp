@@ -584,7 +584,10 @@ struct X86 {
             if constexpr (C == 2) s[R + r] = copy1[r] + 8;
         }
         const int blocks = (groups + kGroups - 1) / kGroups;
-        for (int i = 0; i < blocks * kGroups + kExtra; i += kLanes) {
+        // A last block of kLanes groups or fewer computes those only (below),
+        // and needs the samples of those only.
+        const bool half = outputs - int64_t{P} * kGroups * (blocks - 1) <= P * kLanes;
+        for (int i = 0; i < blocks * kGroups - (half ? kLanes : 0) + kExtra; i += kLanes) {
             Vec v[R];
             const int64_t first = int64_t{2} * R * i;
             if (first + 2 * R * kLanes <= avail) {
@@ -611,8 +614,7 @@ struct X86 {
                 block<L>(x, s, b * kGroups, out + done);
                 continue;
             }
-            // A last block of kLanes groups or fewer: half the work.
-            if (outputs - done <= P * kLanes)
+            if (half)
                 block<L, 1>(x, s, b * kGroups, result);
             else
                 block<L>(x, s, b * kGroups, result);
