@@ -58,6 +58,12 @@ template <int S>
 [[gnu::always_inline]] inline Vec unpacklo64(Vec a, Vec b) { return _mm256_unpacklo_epi64(a, b); }
 [[gnu::always_inline]] inline Vec unpackhi64(Vec a, Vec b) { return _mm256_unpackhi_epi64(a, b); }
 [[gnu::always_inline]] inline Vec shuffle8(Vec a, Vec m) { return _mm256_shuffle_epi8(a, m); }
+// Per 128-bit lane: 32-bit element k from b where bit k of M is set; the
+// elements of a in the order of I (as pshufd).
+template <int M>
+[[gnu::always_inline]] inline Vec blend32(Vec a, Vec b) { return _mm256_blend_epi32(a, b, M | M << 4); }
+template <int I>
+[[gnu::always_inline]] inline Vec shuffle32(Vec a) { return _mm256_shuffle_epi32(a, I); }
 [[gnu::always_inline]] inline Vec bytes16(const int8_t (&m)[16]) {
     return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(m)));
 }
@@ -127,6 +133,12 @@ template <int S>
 [[gnu::always_inline]] inline Vec unpacklo64(Vec a, Vec b) { return _mm_unpacklo_epi64(a, b); }
 [[gnu::always_inline]] inline Vec unpackhi64(Vec a, Vec b) { return _mm_unpackhi_epi64(a, b); }
 [[gnu::always_inline]] inline Vec shuffle8(Vec a, Vec m) { return _mm_shuffle_epi8(a, m); }
+template <int M>
+[[gnu::always_inline]] inline Vec blend32(Vec a, Vec b) {
+    return _mm_blend_epi16(a, b, (M & 1 ? 0x03 : 0) | (M & 2 ? 0x0C : 0) | (M & 4 ? 0x30 : 0) | (M & 8 ? 0xC0 : 0));
+}
+template <int I>
+[[gnu::always_inline]] inline Vec shuffle32(Vec a) { return _mm_shuffle_epi32(a, I); }
 [[gnu::always_inline]] inline Vec bytes16(const int8_t (&m)[16]) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i *>(m));
 }
@@ -182,9 +194,23 @@ inline constexpr Ilv3Masks<E> kIlv3{};
 
 template <int E>
 [[gnu::always_inline]] inline void ilv3(Vec a, Vec b, Vec c, Vec *z) {
-    for (int k = 0; k < 3; ++k)
-        z[k] = or_(or_(shuffle8(a, bytes16(kIlv3<E>.m[k][0])), shuffle8(b, bytes16(kIlv3<E>.m[k][1]))),
-                   shuffle8(c, bytes16(kIlv3<E>.m[k][2])));
+    if constexpr (E == 8) {
+        // a0 b0 | c0 a1 | b1 c1: whole halves, no byte shuffles.
+        z[0] = unpacklo64(a, b);
+        z[1] = blend32<0xC>(c, a);
+        z[2] = unpackhi64(b, c);
+    } else if constexpr (E == 4) {
+        // Each source turned once so that every element sits where one
+        // output wants it, then blends: a0 b0 c0 a1 | b1 c1 a2 b2 | c2 a3 b3 c3.
+        const Vec at = shuffle32<0x6C>(a), bt = shuffle32<0xB1>(b), ct = shuffle32<0xC6>(c);
+        z[0] = blend32<0x4>(blend32<0x2>(at, bt), ct);
+        z[1] = blend32<0x2>(blend32<0x4>(bt, at), ct);
+        z[2] = blend32<0x4>(blend32<0x2>(ct, at), bt);
+    } else {
+        for (int k = 0; k < 3; ++k)
+            z[k] = or_(or_(shuffle8(a, bytes16(kIlv3<E>.m[k][0])), shuffle8(b, bytes16(kIlv3<E>.m[k][1]))),
+                       shuffle8(c, bytes16(kIlv3<E>.m[k][2])));
+    }
 }
 // Two phases to 32-bit elements: z[0] groups 0-3, z[1] groups 4-7.
 [[gnu::always_inline]] inline void ilv2(Vec a, Vec b, Vec *z) {
