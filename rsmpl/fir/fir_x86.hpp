@@ -461,6 +461,24 @@ constexpr int stream_copies() {
 template <const auto &L, int J>
 inline constexpr int kCopy = stream_copies<L>() == 2 && 4 * (J % 16) + 4 * kLanes > 64 ? 1 : 0;
 
+// One output a group from streams, two vectors of offsets per row: the
+// halves of a block can share sample loads (block() below).
+template <const auto &L, int H>
+inline constexpr bool kShareHalves = [] {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    return H == 2 && L.R > 1 && Layout::P == 1 && Layout::Mp == 2 * kLanes * L.R && L.row_bins[0] == L.bins;
+}();
+// In that order, pair j * R + r comes at 2 * ((j % kLanes) * R + r) + j / kLanes:
+// is pair m the first of its bin to come?
+template <const auto &L>
+constexpr bool first_shared(int m) {
+    constexpr int R = L.R;
+    const auto at = [](int k) { return 2 * ((k / R % kLanes) * R + k % R) + k / R / kLanes; };
+    for (int k = 0; k < std::remove_cvref_t<decltype(L)>::Mp; ++k)
+        if (k != m && !L.zero_pair(0, k) && L.bin[0][k] == L.bin[0][m] && at(k) < at(m)) return false;
+    return true;
+}
+
 // 2W groups from group i of the chunk on, every pair at compile time: its
 // bin, its stream (R > 1: s[c * R + r], copy c of stream r) and whether it
 // is the first of its bin; zero pairs are skipped. H = 1: the first W groups
@@ -501,6 +519,33 @@ template <const auto &L, int H = 2>
         }
     if constexpr (H == 2) mark<L, true>();  // the cost estimate counts whole blocks
     Vec y[P];
+    if constexpr (kShareHalves<L, H>) {
+        // Pairs j and j + kLanes of a stream together: the second half's
+        // samples for the one are the first half's for the other, three
+        // loads for four multiplies.
+        Vec acc[2][A];
+        unroll<kLanes>([&](auto jc) __attribute__((always_inline)) {
+            constexpr int j = decltype(jc)::value;
+            unroll<R>([&](auto rc) __attribute__((always_inline)) {
+                constexpr int r = decltype(rc)::value;
+                const Vec lo = samples(sb[kCopy<L, j> * R + r] + j);
+                const Vec mid = samples(sb[kCopy<L, j + kLanes> * R + r] + j + kLanes);
+                const Vec hi = samples(sb[kCopy<L, j + 2 * kLanes> * R + r] + j + 2 * kLanes);
+                unroll<2>([&](auto hc) __attribute__((always_inline)) {
+                    constexpr int h = decltype(hc)::value;
+                    constexpr int m = (j + h * kLanes) * R + r;
+                    if constexpr (!L.zero_pair(0, m)) {
+                        constexpr int b = L.bin[0][m];
+                        constexpr bool first = first_shared<L>(m);
+                        const Vec c = coef<L>(0, m);
+                        madd_reg<first>(acc[0][b], h == 0 ? lo : mid, c);
+                        madd_reg<first>(acc[1][b], h == 0 ? mid : hi, c);
+                    }
+                });
+            });
+        });
+        y[0] = pack(combine<L, A>(acc[0]), combine<L, A>(acc[1]));
+    } else
     unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
         constexpr int pass = decltype(pass_c)::value;
         Vec acc[PC][H][A];
