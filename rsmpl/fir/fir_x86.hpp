@@ -58,6 +58,12 @@ template <int S>
 [[gnu::always_inline]] inline Vec unpacklo64(Vec a, Vec b) { return _mm256_unpacklo_epi64(a, b); }
 [[gnu::always_inline]] inline Vec unpackhi64(Vec a, Vec b) { return _mm256_unpackhi_epi64(a, b); }
 [[gnu::always_inline]] inline Vec shuffle8(Vec a, Vec m) { return _mm256_shuffle_epi8(a, m); }
+// Per 128-bit lane: 32-bit element k from b where bit k of M is set; the
+// elements of a in the order of I (as pshufd).
+template <int M>
+[[gnu::always_inline]] inline Vec blend32(Vec a, Vec b) { return _mm256_blend_epi32(a, b, M | M << 4); }
+template <int I>
+[[gnu::always_inline]] inline Vec shuffle32(Vec a) { return _mm256_shuffle_epi32(a, I); }
 [[gnu::always_inline]] inline Vec bytes16(const int8_t (&m)[16]) {
     return _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i *>(m)));
 }
@@ -127,6 +133,12 @@ template <int S>
 [[gnu::always_inline]] inline Vec unpacklo64(Vec a, Vec b) { return _mm_unpacklo_epi64(a, b); }
 [[gnu::always_inline]] inline Vec unpackhi64(Vec a, Vec b) { return _mm_unpackhi_epi64(a, b); }
 [[gnu::always_inline]] inline Vec shuffle8(Vec a, Vec m) { return _mm_shuffle_epi8(a, m); }
+template <int M>
+[[gnu::always_inline]] inline Vec blend32(Vec a, Vec b) {
+    return _mm_blend_epi16(a, b, (M & 1 ? 0x03 : 0) | (M & 2 ? 0x0C : 0) | (M & 4 ? 0x30 : 0) | (M & 8 ? 0xC0 : 0));
+}
+template <int I>
+[[gnu::always_inline]] inline Vec shuffle32(Vec a) { return _mm_shuffle_epi32(a, I); }
 [[gnu::always_inline]] inline Vec bytes16(const int8_t (&m)[16]) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i *>(m));
 }
@@ -182,9 +194,23 @@ inline constexpr Ilv3Masks<E> kIlv3{};
 
 template <int E>
 [[gnu::always_inline]] inline void ilv3(Vec a, Vec b, Vec c, Vec *z) {
-    for (int k = 0; k < 3; ++k)
-        z[k] = or_(or_(shuffle8(a, bytes16(kIlv3<E>.m[k][0])), shuffle8(b, bytes16(kIlv3<E>.m[k][1]))),
-                   shuffle8(c, bytes16(kIlv3<E>.m[k][2])));
+    if constexpr (E == 8) {
+        // a0 b0 | c0 a1 | b1 c1: whole halves, no byte shuffles.
+        z[0] = unpacklo64(a, b);
+        z[1] = blend32<0xC>(c, a);
+        z[2] = unpackhi64(b, c);
+    } else if constexpr (E == 4) {
+        // Each source turned once so that every element sits where one
+        // output wants it, then blends: a0 b0 c0 a1 | b1 c1 a2 b2 | c2 a3 b3 c3.
+        const Vec at = shuffle32<0x6C>(a), bt = shuffle32<0xB1>(b), ct = shuffle32<0xC6>(c);
+        z[0] = blend32<0x4>(blend32<0x2>(at, bt), ct);
+        z[1] = blend32<0x2>(blend32<0x4>(bt, at), ct);
+        z[2] = blend32<0x4>(blend32<0x2>(ct, at), bt);
+    } else {
+        for (int k = 0; k < 3; ++k)
+            z[k] = or_(or_(shuffle8(a, bytes16(kIlv3<E>.m[k][0])), shuffle8(b, bytes16(kIlv3<E>.m[k][1]))),
+                       shuffle8(c, bytes16(kIlv3<E>.m[k][2])));
+    }
 }
 // Two phases to 32-bit elements: z[0] groups 0-3, z[1] groups 4-7.
 [[gnu::always_inline]] inline void ilv2(Vec a, Vec b, Vec *z) {
@@ -369,6 +395,26 @@ template <bool kFirst>
 #endif
 }
 
+// The same with x straight from memory: a load folded into the multiply is
+// one instruction for the front end, not two.
+template <bool kFirst>
+[[gnu::always_inline]] inline void madd_mem(Vec &acc, const int32_t *x, Vec c) {
+#if defined(__AVX2__)
+    struct Bytes {
+        unsigned char b[sizeof(Vec)];
+    };
+    const auto &m = *reinterpret_cast<const Bytes *>(x);
+    if constexpr (kFirst) {
+        asm volatile("vpmaddwd %2, %1, %0" : "=x"(acc) : "x"(c), "m"(m));
+    } else {
+        Vec t;
+        asm volatile("vpmaddwd %3, %2, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "x"(c), "m"(m));
+    }
+#else
+    madd_reg<kFirst>(acc, load(x), c);
+#endif
+}
+
 // Is the last tap of every row zero padding (the L:1 up layouts)?
 template <class Layout>
 constexpr bool pad_last(const Layout &l) {
@@ -377,11 +423,40 @@ constexpr bool pad_last(const Layout &l) {
     return true;
 }
 
-// Does any row p0 .. p1-1 use pair m; is pair m the first of its bin in row p?
+// The L:1 up layouts: is each row of the second half the row P/2 before it
+// one tap later? Its outputs are then that row's pairs against the samples
+// one later, an unaligned load: one pair fewer than its own padded row, and
+// the same pair words. The last tap being padding, the shifted load reads no
+// further than the row does.
 template <class Layout>
-constexpr bool pair_used(const Layout &l, int p0, int p1, int m) {
-    for (int p = p0; p < p1 && p < Layout::P; ++p)
-        if (!l.zero_pair(p, m)) return true;
+constexpr bool odd_twins(const Layout &l) {
+    constexpr int P = Layout::P, T = 2 * Layout::Mp;
+    if (l.R != 1 || P % 2 != 0 || !pad_last(l)) return false;
+    for (int p = 0; p < P / 2; ++p) {
+        if (l.c[p + P / 2][0] != 0) return false;
+        for (int i = 0; i + 1 < T; ++i)
+            if (l.c[p + P / 2][i + 1] != l.c[p][i]) return false;
+    }
+    return true;
+}
+// The row whose pairs and bins phase p uses, and whether against the
+// samples one later.
+template <const auto &L>
+constexpr int src_row(int p) {
+    constexpr int P = std::remove_cvref_t<decltype(L)>::P;
+    return odd_twins(L) && p >= P / 2 ? p - P / 2 : p;
+}
+template <const auto &L>
+constexpr bool odd_row(int p) {
+    return src_row<L>(p) != p;
+}
+
+// Does any phase p0 .. p1-1 use pair m (odd: those against the later
+// samples, else the others); is pair m the first of its bin in row p?
+template <const auto &L>
+constexpr bool pair_used(int p0, int p1, int m, bool odd) {
+    for (int p = p0; p < p1 && p < std::remove_cvref_t<decltype(L)>::P; ++p)
+        if (odd_row<L>(p) == odd && !L.zero_pair(src_row<L>(p), m)) return true;
     return false;
 }
 template <class Layout>
@@ -406,6 +481,24 @@ constexpr int stream_copies() {
 template <const auto &L, int J>
 inline constexpr int kCopy = stream_copies<L>() == 2 && 4 * (J % 16) + 4 * kLanes > 64 ? 1 : 0;
 
+// One output a group from streams, two vectors of offsets per row: the
+// halves of a block can share sample loads (block() below).
+template <const auto &L, int H>
+inline constexpr bool kShareHalves = [] {
+    using Layout = std::remove_cvref_t<decltype(L)>;
+    return H == 2 && L.R > 1 && Layout::P == 1 && Layout::Mp == 2 * kLanes * L.R && L.row_bins[0] == L.bins;
+}();
+// In that order, pair j * R + r comes at 2 * ((j % kLanes) * R + r) + j / kLanes:
+// is pair m the first of its bin to come?
+template <const auto &L>
+constexpr bool first_shared(int m) {
+    constexpr int R = L.R;
+    const auto at = [](int k) { return 2 * ((k / R % kLanes) * R + k % R) + k / R / kLanes; };
+    for (int k = 0; k < std::remove_cvref_t<decltype(L)>::Mp; ++k)
+        if (k != m && !L.zero_pair(0, k) && L.bin[0][k] == L.bin[0][m] && at(k) < at(m)) return false;
+    return true;
+}
+
 // 2W groups from group i of the chunk on, every pair at compile time: its
 // bin, its stream (R > 1: s[c * R + r], copy c of stream r) and whether it
 // is the first of its bin; zero pairs are skipped. H = 1: the first W groups
@@ -424,7 +517,11 @@ template <const auto &L, int H = 2>
             bool fits = true;
             for (int p0 = 0; p0 < P; p0 += pc) {
                 int regs = 0;
-                for (int p = p0; p < p0 + pc && p < P; ++p) regs += 2 * L.row_bins[p];
+                for (int p = p0; p < p0 + pc && p < P; ++p) {
+                    regs += 2 * L.row_bins[src_row<L>(p)];
+                    // A pass of both kinds of row loads both sample sets.
+                    fits = fits && odd_row<L>(p) == odd_row<L>(p0);
+                }
                 fits = fits && regs <= 12;
             }
             if (fits) return pc;
@@ -442,38 +539,82 @@ template <const auto &L, int H = 2>
         }
     if constexpr (H == 2) mark<L, true>();  // the cost estimate counts whole blocks
     Vec y[P];
+    if constexpr (kShareHalves<L, H>) {
+        // Pairs j and j + kLanes of a stream together: the second half's
+        // samples for the one are the first half's for the other, three
+        // loads for four multiplies.
+        Vec acc[2][A];
+        unroll<kLanes>([&](auto jc) __attribute__((always_inline)) {
+            constexpr int j = decltype(jc)::value;
+            unroll<R>([&](auto rc) __attribute__((always_inline)) {
+                constexpr int r = decltype(rc)::value;
+                const int32_t *lo = sb[kCopy<L, j> * R + r] + j;
+                const Vec mid = samples(sb[kCopy<L, j + kLanes> * R + r] + j + kLanes);
+                const int32_t *hi = sb[kCopy<L, j + 2 * kLanes> * R + r] + j + 2 * kLanes;
+                unroll<2>([&](auto hc) __attribute__((always_inline)) {
+                    constexpr int h = decltype(hc)::value;
+                    constexpr int m = (j + h * kLanes) * R + r;
+                    if constexpr (!L.zero_pair(0, m)) {
+                        constexpr int b = L.bin[0][m];
+                        constexpr bool first = first_shared<L>(m);
+                        const Vec c = coef<L>(0, m);
+                        if constexpr (h == 0) {
+                            madd_mem<first>(acc[0][b], lo, c);
+                            madd_reg<first>(acc[1][b], mid, c);
+                        } else {
+                            madd_reg<first>(acc[0][b], mid, c);
+                            madd_mem<first>(acc[1][b], hi, c);
+                        }
+                    }
+                });
+            });
+        });
+        y[0] = pack(combine<L, A>(acc[0]), combine<L, A>(acc[1]));
+    } else
     unroll<kPasses>([&](auto pass_c) __attribute__((always_inline)) {
         constexpr int pass = decltype(pass_c)::value;
         Vec acc[PC][H][A];
         unroll<Mp>([&](auto mc) __attribute__((always_inline)) {
             constexpr int m = decltype(mc)::value;
-            if constexpr (pair_used(L, pass * PC, pass * PC + PC, m)) {
-                Vec x0, x1 = zero();
-                if constexpr (R == 1 && m == Mp - 1 && pad_last(L)) {
-                    // Loaded one sample early and shifted down: the pair's
-                    // second sample is the rows' zero padding, and for the
-                    // last group it may lie past what the kernel may read.
-                    x0 = high16(load(x + L.b0 + 2 * (i + m) - 1));
-                    if constexpr (H == 2) x1 = high16(load(x + L.b0 + 2 * (i + kLanes + m) - 1));
-                } else if constexpr (R == 1) {
-                    x0 = load(x + L.b0 + 2 * (i + m));
-                    if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
-                } else {
-                    constexpr int j = m / R;
-                    x0 = samples(sb[kCopy<L, j> * R + m % R] + j);
-                    x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
+            constexpr bool kEven = pair_used<L>(pass * PC, pass * PC + PC, m, false);
+            constexpr bool kOdd = pair_used<L>(pass * PC, pass * PC + PC, m, true);
+            if constexpr (kEven || kOdd) {
+                Vec x0 = zero(), x1 = zero(), o0 = zero(), o1 = zero();
+                if constexpr (kEven) {
+                    if constexpr (R == 1 && m == Mp - 1 && pad_last(L)) {
+                        // Loaded one sample early and shifted down: the pair's
+                        // second sample is the rows' zero padding, and for the
+                        // last group it may lie past what the kernel may read.
+                        x0 = high16(load(x + L.b0 + 2 * (i + m) - 1));
+                        if constexpr (H == 2) x1 = high16(load(x + L.b0 + 2 * (i + kLanes + m) - 1));
+                    } else if constexpr (R == 1) {
+                        x0 = load(x + L.b0 + 2 * (i + m));
+                        if constexpr (H == 2) x1 = load(x + L.b0 + 2 * (i + kLanes + m));
+                    } else {
+                        constexpr int j = m / R;
+                        x0 = samples(sb[kCopy<L, j> * R + m % R] + j);
+                        if constexpr (H == 2) x1 = samples(sb[kCopy<L, j + kLanes> * R + m % R] + j + kLanes);
+                    }
+                    // One load per pair, not one per phase.
+                    asm("" : "+x"(x0), "+x"(x1));
                 }
-                // One load per pair, not one per phase.
-                asm("" : "+x"(x0), "+x"(x1));
+                if constexpr (kOdd) {
+                    static_assert(m < Mp - 1);  // the padding pair is never loaded
+                    o0 = load(x + L.b0 + 2 * (i + m) + 1);
+                    if constexpr (H == 2) o1 = load(x + L.b0 + 2 * (i + kLanes + m) + 1);
+                    asm("" : "+x"(o0), "+x"(o1));
+                }
                 unroll<PC>([&](auto qc) __attribute__((always_inline)) {
                     constexpr int q = decltype(qc)::value;
                     constexpr int p = pass * PC + q;
-                    if constexpr (p < P && !L.zero_pair(p, m)) {
-                        constexpr int b = L.bin[p][m];
-                        constexpr bool first = first_of_bin(L, p, m);
-                        const Vec c = coef<L>(p, m);
-                        madd_reg<first>(acc[q][0][b], x0, c);
-                        if constexpr (H == 2) madd_reg<first>(acc[q][1][b], x1, c);
+                    constexpr int sp = src_row<L>(p < P ? p : 0);
+                    if constexpr (p < P && !L.zero_pair(sp, m)) {
+                        constexpr int b = L.bin[sp][m];
+                        constexpr bool first = first_of_bin(L, sp, m);
+                        constexpr bool odd = odd_row<L>(p);
+                        const Vec c = coef<L>(sp, m);
+                        madd_reg<first>(acc[q][0][b], odd ? o0 : x0, c);
+                        if constexpr (H == 2) madd_reg<first>(acc[q][1][b], odd ? o1 : x1, c);
                     }
                 });
             }
@@ -482,7 +623,7 @@ template <const auto &L, int H = 2>
             constexpr int q = decltype(qc)::value;
             constexpr int p = pass * PC + q;
             if constexpr (p < P) {
-                constexpr int Ap = L.row_bins[p];
+                constexpr int Ap = L.row_bins[src_row<L>(p)];
                 const Vec lo = combine<L, Ap>(acc[q][0]);
                 y[p] = pack(lo, H == 2 ? combine<L, Ap>(acc[q][H - 1]) : lo);
             }
@@ -539,7 +680,10 @@ struct X86 {
             if constexpr (C == 2) s[R + r] = copy1[r] + 8;
         }
         const int blocks = (groups + kGroups - 1) / kGroups;
-        for (int i = 0; i < blocks * kGroups + kExtra; i += kLanes) {
+        // A last block of kLanes groups or fewer computes those only (below),
+        // and needs the samples of those only.
+        const bool half = outputs - int64_t{P} * kGroups * (blocks - 1) <= P * kLanes;
+        for (int i = 0; i < blocks * kGroups - (half ? kLanes : 0) + kExtra; i += kLanes) {
             Vec v[R];
             const int64_t first = int64_t{2} * R * i;
             if (first + 2 * R * kLanes <= avail) {
@@ -562,9 +706,15 @@ struct X86 {
         alignas(32) int16_t result[P * kGroups];
         for (int b = 0; b < blocks; ++b) {
             const int64_t done = int64_t{P} * kGroups * b;
-            const bool whole = done + P * kGroups <= outputs;
-            block<L>(x, s, b * kGroups, whole ? out + done : result);
-            if (!whole) std::memcpy(out + done, result, static_cast<size_t>(outputs - done) * sizeof(int16_t));
+            if (done + P * kGroups <= outputs) {
+                block<L>(x, s, b * kGroups, out + done);
+                continue;
+            }
+            if (half)
+                block<L, 1>(x, s, b * kGroups, result);
+            else
+                block<L>(x, s, b * kGroups, result);
+            std::memcpy(out + done, result, static_cast<size_t>(outputs - done) * sizeof(int16_t));
         }
     }
 };
