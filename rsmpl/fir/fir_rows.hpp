@@ -73,11 +73,6 @@ struct RowLayout {
             for (int b = 0; b < bins[p]; ++b) h = bin_weight(p, b) > h ? bin_weight(p, b) : h;
         return h;
     }
-    constexpr int max_bins() const {
-        int m = 0;
-        for (int p = 0; p < P; ++p) m = bins[p] > m ? bins[p] : m;
-        return m;
-    }
     constexpr int taps_total() const {
         int n = 0;
         for (int p = 0; p < P; ++p) n += taps(p);
