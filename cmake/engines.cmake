@@ -14,6 +14,8 @@ set(RSMPL_AVX2_SOURCES
   rsmpl/sinc/sinc_avx2.cpp
   rsmpl/linear/linear_avx2.cpp
   rsmpl/channels/channel_moves_avx2.cpp)
+set(RSMPL_AVX512_SOURCES
+  rsmpl/fir/fir_avx512.cpp)
 set(RSMPL_NEON_SOURCES
   rsmpl/fir/fir_neon.cpp
   rsmpl/sinc/sinc_neon.cpp
@@ -30,7 +32,9 @@ endif()
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
   set_source_files_properties(${RSMPL_SSE41_SOURCES} PROPERTIES COMPILE_OPTIONS "-msse4.1;${_rsmpl_vector_opts}")
   set_source_files_properties(${RSMPL_AVX2_SOURCES} PROPERTIES COMPILE_OPTIONS "-mavx2;${_rsmpl_vector_opts}")
-  list(APPEND RSMPL_SOURCES ${RSMPL_SSE41_SOURCES} ${RSMPL_AVX2_SOURCES})
+  set_source_files_properties(${RSMPL_AVX512_SOURCES} PROPERTIES COMPILE_OPTIONS
+    "-mavx2;-mavx512f;-mavx512bw;-mavx512vl;-mavx512vnni;${_rsmpl_vector_opts}")
+  list(APPEND RSMPL_SOURCES ${RSMPL_SSE41_SOURCES} ${RSMPL_AVX2_SOURCES} ${RSMPL_AVX512_SOURCES})
 elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64|ARM64)$")
   set_source_files_properties(${RSMPL_NEON_SOURCES} PROPERTIES COMPILE_OPTIONS "${_rsmpl_vector_opts}")
   list(APPEND RSMPL_SOURCES ${RSMPL_NEON_SOURCES})

@@ -104,7 +104,7 @@ TEST(Engines, NamesAndForcing) {
     const KernelSet &best = *all.back();
     for (const char *name : {(const char *)nullptr, "", "fastest", "AVX2"})  // names are exact
         EXPECT_EQ(&rsmpl::choose_kernels(name), &best) << (name ? name : "null");
-    for (const char *name : {"scalar", "sse41", "avx2", "neon"}) {
+    for (const char *name : {"scalar", "sse41", "avx2", "avx512", "neon"}) {
         rsmpl::EngineId id;
         ASSERT_TRUE(rsmpl::parse_engine(name, &id));
         const KernelSet *k = rsmpl::find_kernels(id);
@@ -115,6 +115,7 @@ TEST(Engines, NamesAndForcing) {
 #elif defined(__aarch64__)
     EXPECT_NE(rsmpl::find_kernels(rsmpl::EngineId::neon), nullptr);
     EXPECT_EQ(rsmpl::find_kernels(rsmpl::EngineId::avx2), nullptr);
+    EXPECT_EQ(rsmpl::find_kernels(rsmpl::EngineId::avx512), nullptr);
 #endif
 }
 
@@ -336,15 +337,16 @@ protected:
     const Fir &f = firs()[GetParam()];
 };
 
-// Counts from nothing up past several vector blocks and chunks: some end in
-// the vector body, some are all tail, most are both; around 64 and 128 groups
-// (where the x86 stream kernels start another copy) and past 256.
+// Counts from nothing up past two blocks of the widest vectors (32 groups
+// each) and several chunks: some end in the vector body, some are all tail,
+// most are both; around 64, 128 and 256 groups (where the x86 stream kernels
+// start another copy) and past them.
 std::vector<int32_t> counts_for(const Layout &l) {
     std::vector<int32_t> v;
     const int32_t group = l.unit_in * l.units_per_group;
-    for (int32_t c = -1; c <= 40 * group; ++c) v.push_back(c);
-    for (int32_t c : {64 * group - 1, 64 * group, 64 * group + 1, 127 * group, 128 * group, 128 * group + l.unit_in,
-                      129 * group, 257 * group + l.unit_in, 480, 721, 960, 1440})
+    for (int32_t c = -1; c <= 72 * group; ++c) v.push_back(c);
+    for (int32_t c : {127 * group, 128 * group, 128 * group + l.unit_in, 129 * group, 255 * group, 256 * group,
+                      256 * group + l.unit_in, 257 * group + l.unit_in, 480, 721, 960, 1440})
         v.push_back(c);
     return v;
 }

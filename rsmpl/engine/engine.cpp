@@ -31,6 +31,12 @@ constinit const KernelSet kAvx2Kernels{
     sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
     gather_channel_avx2, scatter_channel_avx2, split_channels_avx2, merge_channels_avx2,
 };
+// Only the FIR stages gain from the wider vectors so far.
+constinit const KernelSet kAvx512Kernels{
+    EngineId::avx512, "avx512", fir::kKernelsAvx512,
+    sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
+    gather_channel_avx2, scatter_channel_avx2, split_channels_avx2, merge_channels_avx2,
+};
 #endif
 #if defined(__aarch64__)
 constinit const KernelSet kNeonKernels{
@@ -42,7 +48,7 @@ constinit const KernelSet kNeonKernels{
 
 namespace {
 
-constexpr const char *kNames[] = {"scalar", "sse41", "avx2", "neon"};
+constexpr const char *kNames[] = {"scalar", "sse41", "avx2", "neon", "avx512"};
 
 bool cpu_runs(EngineId id) {
     switch (id) {
@@ -54,6 +60,10 @@ bool cpu_runs(EngineId id) {
         return __builtin_cpu_supports("sse4.1");
     case EngineId::avx2:
         return __builtin_cpu_supports("avx2");
+    case EngineId::avx512:
+        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("avx512f") &&
+               __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") &&
+               __builtin_cpu_supports("avx512vnni");
 #endif
 #if defined(__aarch64__)
     case EngineId::neon:
@@ -70,6 +80,7 @@ const KernelSet *const kBuilt[] = {
 #if defined(__x86_64__)
     &kSse41Kernels,
     &kAvx2Kernels,
+    &kAvx512Kernels,
 #endif
 #if defined(__aarch64__)
     &kNeonKernels,

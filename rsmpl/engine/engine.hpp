@@ -7,9 +7,11 @@
 //   scalar  plain C++, the definition of the arithmetic; always present
 //   sse41   x86-64 with SSE4.1 (128-bit), chosen at run time from the CPU
 //   avx2    x86-64 with AVX2 (256-bit), chosen at run time from the CPU
+//   avx512  x86-64 with AVX-512 F, BW, VL and VNNI: 512-bit FIR stages, the
+//           avx2 set's other loops; chosen at run time from the CPU
 //   neon    AArch64 Advanced SIMD, always present there, chosen at build time
 //
-// RSMPL_ENGINE=scalar|sse41|avx2|neon in the environment, read once at the
+// RSMPL_ENGINE=scalar|sse41|avx2|avx512|neon in the environment, read once at the
 // first use, forces a set for tests and benchmarks; a set this machine
 // cannot run falls back to the best one it can. Results do not depend on the
 // choice, only speed does. A build with RSMPL_ENGINE_ENV=OFF ignores the
@@ -25,7 +27,7 @@
 
 namespace rsmpl {
 
-enum class EngineId : uint8_t { scalar, sse41, avx2, neon };
+enum class EngineId : uint8_t { scalar, sse41, avx2, neon, avx512 };
 
 struct SincRun;
 // The sinc interpolator's outputs over one block; see sinc_run_scalar.
@@ -47,7 +49,7 @@ struct KernelSet {
 // The set in use, chosen once (thread-safe) at the first call.
 const KernelSet &kernels();
 
-// Name of the set in use: "scalar", "sse41", "avx2" or "neon".
+// Name of the set in use: "scalar", "sse41", "avx2", "avx512" or "neon".
 const char *engine_name();
 
 // Every set this build has and this machine can run, scalar first, best last.
@@ -69,6 +71,7 @@ const KernelSet &choose_kernels(const char *requested);
 extern const KernelSet kScalarKernels;
 extern const KernelSet kSse41Kernels;
 extern const KernelSet kAvx2Kernels;
+extern const KernelSet kAvx512Kernels;
 extern const KernelSet kNeonKernels;
 
 }  // namespace rsmpl

@@ -14,7 +14,7 @@ namespace rsmpl {
 struct SincRun;
 
 namespace fir {
-extern const Kernels kKernelsScalar, kKernelsSse41, kKernelsAvx2, kKernelsNeon;
+extern const Kernels kKernelsScalar, kKernelsSse41, kKernelsAvx2, kKernelsAvx512, kKernelsNeon;
 }
 
 void sinc_run_sse41(const SincRun &run, int16_t *out);

@@ -34,7 +34,97 @@
 namespace rsmpl::fir {
 namespace {
 
-#if defined(__AVX2__)
+#if defined(__AVX512BW__)
+using Vec = __m512i;
+constexpr int kLanes = 16;
+[[gnu::always_inline]] inline Vec load(const void *p) { return _mm512_loadu_si512(p); }
+[[gnu::always_inline]] inline void store(void *p, Vec v) { _mm512_storeu_si512(p, v); }
+[[gnu::always_inline]] inline Vec zero() { return _mm512_setzero_si512(); }
+[[gnu::always_inline]] inline Vec set1(int32_t v) { return _mm512_set1_epi32(v); }
+[[gnu::always_inline]] inline Vec madd(Vec a, Vec b) { return _mm512_madd_epi16(a, b); }
+[[gnu::always_inline]] inline Vec add(Vec a, Vec b) { return _mm512_add_epi32(a, b); }
+[[gnu::always_inline]] inline Vec and_(Vec a, Vec b) { return _mm512_and_si512(a, b); }
+[[gnu::always_inline]] inline Vec or_(Vec a, Vec b) { return _mm512_or_si512(a, b); }
+template <int S>
+[[gnu::always_inline]] inline Vec srai(Vec a) { return _mm512_srai_epi32(a, S); }
+[[gnu::always_inline]] inline Vec high16(Vec a) { return _mm512_srli_epi32(a, 16); }
+// Two vectors of W groups each to 16-bit words, eight consecutive groups per
+// 128-bit lane: packssdw leaves four of a and four of b in each lane.
+[[gnu::always_inline]] inline Vec pack(Vec a, Vec b) {
+    return _mm512_permutexvar_epi64(_mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7), _mm512_packs_epi32(a, b));
+}
+[[gnu::always_inline]] inline Vec unpacklo16(Vec a, Vec b) { return _mm512_unpacklo_epi16(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi16(Vec a, Vec b) { return _mm512_unpackhi_epi16(a, b); }
+[[gnu::always_inline]] inline Vec unpacklo32(Vec a, Vec b) { return _mm512_unpacklo_epi32(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi32(Vec a, Vec b) { return _mm512_unpackhi_epi32(a, b); }
+[[gnu::always_inline]] inline Vec unpacklo64(Vec a, Vec b) { return _mm512_unpacklo_epi64(a, b); }
+[[gnu::always_inline]] inline Vec unpackhi64(Vec a, Vec b) { return _mm512_unpackhi_epi64(a, b); }
+[[gnu::always_inline]] inline Vec shuffle8(Vec a, Vec m) { return _mm512_shuffle_epi8(a, m); }
+template <int M>
+[[gnu::always_inline]] inline Vec blend32(Vec a, Vec b) {
+    return _mm512_mask_blend_epi32(static_cast<__mmask16>(M * 0x1111), a, b);
+}
+template <int I>
+[[gnu::always_inline]] inline Vec shuffle32(Vec a) { return _mm512_shuffle_epi32(a, static_cast<_MM_PERM_ENUM>(I)); }
+[[gnu::always_inline]] inline Vec bytes16(const int8_t (&m)[16]) {
+    return _mm512_broadcast_i32x4(_mm_loadu_si128(reinterpret_cast<const __m128i *>(m)));
+}
+// Lane L of each vector holds the outputs of groups 8L .. 8L+7.
+template <int P>
+[[gnu::always_inline]] inline void store_lanes(int16_t *out, const Vec (&z)[P]) {
+    if constexpr (P == 1) {
+        store(out, z[0]);
+    } else {
+        for (int k = 0; k < P; ++k) {
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 8 * k), _mm512_castsi512_si128(z[k]));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 8 * P + 8 * k), _mm512_extracti32x4_epi32(z[k], 1));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 16 * P + 8 * k), _mm512_extracti32x4_epi32(z[k], 2));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 24 * P + 8 * k), _mm512_extracti32x4_epi32(z[k], 3));
+        }
+    }
+}
+// Element k of stream r is pair R*k + r of a[0 .. R-1]: one two-source
+// permute per pair of sources.
+template <int R>
+struct SplitIndex {
+    alignas(64) int32_t first[R][16];   // from a[0] and a[1]
+    alignas(64) int32_t second[R][16];  // from that and a[2]
+    constexpr SplitIndex() : first{}, second{} {
+        for (int r = 0; r < R; ++r)
+            for (int k = 0; k < 16; ++k) {
+                const int pair = R * k + r;
+                first[r][k] = pair < 32 ? pair : 0;
+                second[r][k] = pair < 32 ? k : 16 + pair - 32;
+            }
+    }
+};
+template <int R>
+inline constexpr SplitIndex<R> kSplitIndex{};
+template <int R>
+[[gnu::always_inline]] inline void split(const Vec (&a)[R], Vec (&v)[R]) {
+    static_assert(R == 2 || R == 3);
+    for (int r = 0; r < R; ++r) {
+        v[r] = _mm512_permutex2var_epi32(a[0], load(kSplitIndex<R>.first[r]), a[1]);
+        if constexpr (R == 3) v[r] = _mm512_permutex2var_epi32(v[r], load(kSplitIndex<R>.second[r]), a[2]);
+    }
+}
+// The same from x[0 .. have-1] only (0 < have < 2 * R * W), zero past it.
+template <int R>
+[[gnu::always_inline]] inline void split_part(const int16_t *x, int64_t have, Vec (&v)[R]) {
+    const auto *pairs = reinterpret_cast<const int *>(x);
+    const int64_t whole = have / 2;
+    uint16_t odd = 0;  // the first sample of a last, half-read pair
+    if (have % 2) std::memcpy(&odd, x + have - 1, sizeof odd);
+    Vec a[R];
+    for (int q = 0; q < R; ++q) {
+        const int64_t n = whole - kLanes * q;
+        const auto mask = static_cast<__mmask16>(n >= kLanes ? 0xFFFF : n > 0 ? (1u << n) - 1 : 0);
+        a[q] = _mm512_maskz_loadu_epi32(mask, pairs + kLanes * q);
+        if (n >= 0 && n < kLanes) a[q] = _mm512_mask_set1_epi32(a[q], static_cast<__mmask16>(1u << n), odd);
+    }
+    split<R>(a, v);
+}
+#elif defined(__AVX2__)
 using Vec = __m256i;
 constexpr int kLanes = 8;
 [[gnu::always_inline]] inline Vec load(const void *p) { return _mm256_loadu_si256(static_cast<const Vec *>(p)); }
@@ -171,6 +261,23 @@ template <int R>
     for (int q = 0; q < R; ++q) a[q] = load(part + 2 * kLanes * q);
     split<R>(a, v);
 }
+#endif
+
+// With AVX-512 the asm may use all 32 vector registers, and VNNI's vpdpwssd
+// multiplies and accumulates in one instruction.
+#if defined(__AVX512BW__)
+#define RSMPL_VREG(v) "v"(v)
+#define RSMPL_VMOVDQU "vmovdqu64"
+constexpr int kVecRegs = 32;
+#else
+#define RSMPL_VREG(v) "x"(v)
+#define RSMPL_VMOVDQU "vmovdqu"
+constexpr int kVecRegs = 16;
+#endif
+#if defined(__AVX512VNNI__)
+constexpr bool kVnni = true;
+#else
+constexpr bool kVnni = false;
 #endif
 
 // ---- Interleaving P phases of eight groups (per 128-bit lane) ---------------
@@ -355,7 +462,7 @@ template <const auto &L>
 [[gnu::always_inline]] inline Vec coef(int p, int m) {
 #if defined(__AVX2__)
     Vec v;
-    asm volatile("vpbroadcastd %1, %0" : "=x"(v) : "m"(kWords<L>.w[p][m]));
+    asm volatile("vpbroadcastd %1, %0" : "=" RSMPL_VREG(v) : "m"(kWords<L>.w[p][m]));
     return v;
 #else
     return load(kBroadcast<L>.v[p][m]);
@@ -370,7 +477,7 @@ template <const auto &L>
         unsigned char b[sizeof(Vec)];
     };
     Vec v;
-    asm volatile("vmovdqu %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const Bytes *>(p)));
+    asm volatile(RSMPL_VMOVDQU " %1, %0" : "=" RSMPL_VREG(v) : "m"(*reinterpret_cast<const Bytes *>(p)));
     return v;
 #else
     return load(p);
@@ -384,7 +491,9 @@ template <bool kFirst>
 [[gnu::always_inline]] inline void madd_reg(Vec &acc, Vec x, Vec c) {
 #if defined(__AVX2__)
     if constexpr (kFirst) {
-        asm volatile("vpmaddwd %1, %2, %0" : "=x"(acc) : "x"(c), "x"(x));
+        asm volatile("vpmaddwd %1, %2, %0" : "=" RSMPL_VREG(acc) : RSMPL_VREG(c), RSMPL_VREG(x));
+    } else if constexpr (kVnni) {
+        asm volatile("vpdpwssd %1, %2, %0" : "+" RSMPL_VREG(acc) : RSMPL_VREG(c), RSMPL_VREG(x));
     } else {
         Vec t;
         asm volatile("vpmaddwd %2, %3, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "x"(c), "x"(x));
@@ -405,7 +514,9 @@ template <bool kFirst>
     };
     const auto &m = *reinterpret_cast<const Bytes *>(x);
     if constexpr (kFirst) {
-        asm volatile("vpmaddwd %2, %1, %0" : "=x"(acc) : "x"(c), "m"(m));
+        asm volatile("vpmaddwd %2, %1, %0" : "=" RSMPL_VREG(acc) : RSMPL_VREG(c), "m"(m));
+    } else if constexpr (kVnni) {
+        asm volatile("vpdpwssd %1, %2, %0" : "+" RSMPL_VREG(acc) : "m"(m), RSMPL_VREG(c));
     } else {
         Vec t;
         asm volatile("vpmaddwd %3, %2, %1\n\tvpaddd %1, %0, %0" : "+x"(acc), "=&x"(t) : "x"(c), "m"(m));
@@ -511,7 +622,7 @@ template <const auto &L, int H = 2>
     constexpr int A = L.bins;
     constexpr int R = L.R;
     // Phases per pass: their partial sums (two vectors per bin) and the
-    // samples stay in the 16 registers.
+    // samples stay in the registers.
     constexpr int PC = [] {
         for (int pc = P; pc > 1; --pc) {
             bool fits = true;
@@ -522,7 +633,7 @@ template <const auto &L, int H = 2>
                     // A pass of both kinds of row loads both sample sets.
                     fits = fits && odd_row<L>(p) == odd_row<L>(p0);
                 }
-                fits = fits && regs <= 12;
+                fits = fits && regs <= kVecRegs - 4;
             }
             if (fits) return pc;
         }
