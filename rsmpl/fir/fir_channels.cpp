@@ -67,11 +67,16 @@ int32_t stage_together(const Stage &s, RSMPL_Ctx *const *ctx, uint32_t channels,
         if (last_channel != nullptr)
             std::memcpy(last_channel + o, result[C - 1], static_cast<size_t>(outs) * sizeof(int16_t));
         o += outs;
-        for (size_t c = 0; c < C; ++c)
-            std::memmove(staged[c], staged[c] + m, static_cast<size_t>(H) * sizeof(int16_t));
         done += m;
+        // The newest H samples: the next piece's history, or after the last
+        // piece straight back to the contexts.
+        for (size_t c = 0; c < C; ++c) {
+            if (done < frames)
+                std::memmove(staged[c], staged[c] + m, static_cast<size_t>(H) * sizeof(int16_t));
+            else
+                std::memcpy(ctx[c]->samples, staged[c] + m, static_cast<size_t>(H) * sizeof(int16_t));
+        }
     }
-    for (size_t c = 0; c < C; ++c) std::memcpy(ctx[c]->samples, staged[c], static_cast<size_t>(H) * sizeof(int16_t));
     return o;
 }
 

@@ -90,7 +90,13 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
         constexpr int64_t kFrame = kStep * (G - 1) + kReach;
         alignas(64) int16_t frame[kFrame + 32];
         const bool tail = body * L.units_per_group < units;
-        if (tail) {
+        const int64_t groups = (units - body * L.units_per_group + L.units_per_group - 1) / L.units_per_group;
+        const bool half = groups <= G / 2;
+        // Where the samples of a whole (half) block are there to read, the
+        // tail reads them in place: only its outputs go through a copy. The
+        // body's outputs lie below them, in place too.
+        const bool direct = fitting - body >= (half ? G / 2 : G);
+        if (tail && !direct) {
             std::memset(frame, 0, sizeof frame);
             std::memcpy(frame, x + kStep * body, static_cast<size_t>(min64(span - kStep * body, kFrame)) * sizeof(int16_t));
         }
@@ -99,11 +105,11 @@ void run(const int16_t *x, int16_t *out, int32_t count) {
         t = body;
         if (tail) {
             alignas(64) int16_t result[P * G];
-            const int64_t groups = (units - t * L.units_per_group + L.units_per_group - 1) / L.units_per_group;
-            if (groups <= G / 2)
-                Isa::template chunk<L, 1>(frame, 1, result);
+            const int16_t *from = direct ? x + kStep * body : frame;
+            if (half)
+                Isa::template chunk<L, 1>(from, 1, result);
             else
-                Isa::template chunk<L>(frame, 1, result);
+                Isa::template chunk<L>(from, 1, result);
             const int64_t outputs = min64((units - t * L.units_per_group) * L.unit_out, P * G);
             std::memcpy(out + P * t, result, static_cast<size_t>(outputs) * sizeof(int16_t));
         }
