@@ -28,6 +28,20 @@ echo "bench: kernels, stages, sinc, plug-in ($reps repetitions, min time $min_ti
 "$build/bench/bench_kernels" --benchmark_min_time="$min_time" --benchmark_repetitions="$reps" \
   --benchmark_report_aggregates_only=true --markdown="$tmp/kernels.md" >"$tmp/kernels.txt"
 
+# The FIR kernels of every other vector engine this machine runs, each
+# against its own vector width's ceiling.
+active=$("$build/tools/rsmpl-engines" --active)
+others=()
+for e in $("$build/tools/rsmpl-engines"); do
+  [ "$e" = scalar ] || [ "$e" = "$active" ] || others+=("$e")
+done
+for e in "${others[@]}"; do
+  echo "bench: FIR kernels of the $e engine" >&2
+  RSMPL_ENGINE=$e "$build/bench/bench_kernels" --benchmark_filter='^(Calib|Kernel)/' \
+    --benchmark_min_time="$min_time" --benchmark_repetitions="$reps" \
+    --benchmark_report_aggregates_only=true --markdown="$tmp/kernels-$e.md" >/dev/null
+done
+
 echo "bench: sinc interpolator against speexdsp ($rounds rounds)" >&2
 "$build/bench/sinc_vs_speex" --rounds "$rounds" --seconds 10 >"$tmp/speex.md"
 
@@ -142,6 +156,17 @@ no \`-march\` (baseline SSE2, which it may use to auto-vectorise).
 
 EOF
 cat "$tmp/kernels.md"
+for e in "${others[@]}"; do
+  cat <<EOF
+
+### FIR kernels of the $e engine
+
+Command: \`RSMPL_ENGINE=$e $build/bench/bench_kernels --benchmark_filter='^(Calib|Kernel)/' --benchmark_min_time=$min_time --benchmark_repetitions=$reps --benchmark_report_aggregates_only=true\`
+
+EOF
+  # Its headings one level down, under this one.
+  sed 's/^####/#####/' "$tmp/kernels-$e.md"
+done
 cat <<EOF
 
 ## Sinc interpolator against speexdsp
