@@ -15,7 +15,8 @@ set(RSMPL_AVX2_SOURCES
   rsmpl/linear/linear_avx2.cpp
   rsmpl/channels/channel_moves_avx2.cpp)
 set(RSMPL_AVX512_SOURCES
-  rsmpl/fir/fir_avx512.cpp)
+  rsmpl/fir/fir_avx512.cpp
+  rsmpl/channels/channel_moves_avx512.cpp)
 set(RSMPL_NEON_SOURCES
   rsmpl/fir/fir_neon.cpp
   rsmpl/sinc/sinc_neon.cpp

@@ -556,7 +556,7 @@ namespace moves {
 TEST(ChannelMoves, SplitAndMergeEveryChannelAtOnce) {
     for (const KernelSet *e : rsmpl::available_kernels())
         for (uint32_t channels = 1; channels <= 8; ++channels)
-            for (uint32_t count : {0u, 1u, 7u, 8u, 9u, 16u, 23u, 481u}) {
+            for (uint32_t count : {0u, 1u, 7u, 8u, 9u, 16u, 23u, 31u, 32u, 33u, 64u, 481u}) {
                 const size_t n = size_t{count} * channels;
                 const Samples frames = rsmpl_test::hostile_samples(n + 1, count * 16 + channels);
                 Guarded<int16_t> src(n + 1);

@@ -1,9 +1,8 @@
-// x86-64 channel moves (channel_moves.hpp) for the SSE4.1 and AVX2
+// x86-64 channel moves (channel_moves.hpp) for the SSE4.1, AVX2 and AVX-512
 // sets: stereo and four channels in 128-bit registers, eight frames a step
-// (the AVX2 set splits and merges stereo sixteen frames a step);
+// (the AVX2 and AVX-512 sets split and merge stereo 16 and 32 frames a step);
 // other counts with the stride a compile-time constant, which the compiler
-// unrolls. Included by channel_moves_sse41.cpp and
-// channel_moves_avx2.cpp; internal linkage.
+// unrolls. Included by channel_moves_{sse41,avx2,avx512}.cpp; internal linkage.
 #pragma once
 
 #include <immintrin.h>
@@ -132,15 +131,32 @@ void split_channels(int16_t *const *mono, const int16_t *frames, uint32_t count,
     uint32_t k = 0;
     if (channels == 2) {
 #if defined(__AVX2__)
+        // Per 128-bit lane, four frames' left samples, then their right ones.
+        const __m128i halves = _mm_setr_epi8(0, 1, 4, 5, 8, 9, 12, 13, 2, 3, 6, 7, 10, 11, 14, 15);
+#endif
+#if defined(__AVX512BW__)
+        const __m512i by_lane = _mm512_broadcast_i32x4(halves);
+        const __m512i left = _mm512_setr_epi64(0, 2, 4, 6, 8, 10, 12, 14);
+        const __m512i right = _mm512_setr_epi64(1, 3, 5, 7, 9, 11, 13, 15);
+        for (; k + 32 <= count; k += 32) {
+            const __m512i a = _mm512_shuffle_epi8(_mm512_loadu_si512(frames + 2 * size_t{k}), by_lane);
+            const __m512i b = _mm512_shuffle_epi8(_mm512_loadu_si512(frames + 2 * size_t{k} + 32), by_lane);
+            _mm512_storeu_si512(mono[0] + k, _mm512_permutex2var_epi64(a, left, b));
+            _mm512_storeu_si512(mono[1] + k, _mm512_permutex2var_epi64(a, right, b));
+        }
+#endif
+#if defined(__AVX2__)
+        const __m256i by_half = _mm256_broadcastsi128_si256(halves);
         for (; k + 16 <= count; k += 16) {
-            const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(frames + 2 * size_t{k}));
-            const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(frames + 2 * size_t{k} + 16));
-            const __m256i l = _mm256_packs_epi32(_mm256_srai_epi32(_mm256_slli_epi32(a, 16), 16),
-                                                 _mm256_srai_epi32(_mm256_slli_epi32(b, 16), 16));
-            const __m256i r = _mm256_packs_epi32(_mm256_srai_epi32(a, 16), _mm256_srai_epi32(b, 16));
-            // The packs work per 128-bit lane: frames 0-3, 8-11, 4-7, 12-15 until reordered.
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(mono[0] + k), _mm256_permute4x64_epi64(l, 0xD8));
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(mono[1] + k), _mm256_permute4x64_epi64(r, 0xD8));
+            const __m256i a = _mm256_shuffle_epi8(
+                _mm256_loadu_si256(reinterpret_cast<const __m256i *>(frames + 2 * size_t{k})), by_half);
+            const __m256i b = _mm256_shuffle_epi8(
+                _mm256_loadu_si256(reinterpret_cast<const __m256i *>(frames + 2 * size_t{k} + 16)), by_half);
+            // Lane 0 holds frames 0-3 and 8-11, lane 1 frames 4-7 and 12-15 until reordered.
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(mono[0] + k),
+                                _mm256_permute4x64_epi64(_mm256_unpacklo_epi64(a, b), 0xD8));
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(mono[1] + k),
+                                _mm256_permute4x64_epi64(_mm256_unpackhi_epi64(a, b), 0xD8));
         }
 #endif
         for (; k + 8 <= count; k += 8) {
@@ -172,6 +188,17 @@ void split_channels(int16_t *const *mono, const int16_t *frames, uint32_t count,
 void merge_channels(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels) {
     uint32_t k = 0;
     if (channels == 2) {
+#if defined(__AVX512BW__)
+        // Per 128-bit lane k, frames 8k .. 8k+3 (lo) and 8k+4 .. 8k+7 (hi).
+        const __m512i first = _mm512_setr_epi64(0, 1, 8, 9, 2, 3, 10, 11);
+        const __m512i second = _mm512_setr_epi64(4, 5, 12, 13, 6, 7, 14, 15);
+        for (; k + 32 <= count; k += 32) {
+            const __m512i a = _mm512_loadu_si512(mono[0] + k), b = _mm512_loadu_si512(mono[1] + k);
+            const __m512i lo = _mm512_unpacklo_epi16(a, b), hi = _mm512_unpackhi_epi16(a, b);
+            _mm512_storeu_si512(frames + 2 * size_t{k}, _mm512_permutex2var_epi64(lo, first, hi));
+            _mm512_storeu_si512(frames + 2 * size_t{k} + 32, _mm512_permutex2var_epi64(lo, second, hi));
+        }
+#endif
 #if defined(__AVX2__)
         for (; k + 16 <= count; k += 16) {
             const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(mono[0] + k));

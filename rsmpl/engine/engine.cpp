@@ -31,11 +31,11 @@ constinit const KernelSet kAvx2Kernels{
     sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
     gather_channel_avx2, scatter_channel_avx2, split_channels_avx2, merge_channels_avx2,
 };
-// Only the FIR stages gain from the wider vectors so far.
+// The sinc interpolator and the linear loops are the avx2 ones so far.
 constinit const KernelSet kAvx512Kernels{
     EngineId::avx512, "avx512", fir::kKernelsAvx512,
     sinc_run_avx2, linear_expand_avx2, linear_shrink_avx2,
-    gather_channel_avx2, scatter_channel_avx2, split_channels_avx2, merge_channels_avx2,
+    gather_channel_avx512, scatter_channel_avx512, split_channels_avx512, merge_channels_avx512,
 };
 #endif
 #if defined(__aarch64__)

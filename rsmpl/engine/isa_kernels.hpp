@@ -36,15 +36,19 @@ bool linear_shrink_neon(const int16_t *src, uint32_t src_frames, int16_t *dst, u
 
 void gather_channel_sse41(int16_t *mono, const int16_t *frames, uint32_t count, uint32_t channels, uint32_t c);
 void gather_channel_avx2(int16_t *mono, const int16_t *frames, uint32_t count, uint32_t channels, uint32_t c);
+void gather_channel_avx512(int16_t *mono, const int16_t *frames, uint32_t count, uint32_t channels, uint32_t c);
 void gather_channel_neon(int16_t *mono, const int16_t *frames, uint32_t count, uint32_t channels, uint32_t c);
 void scatter_channel_sse41(int16_t *frames, const int16_t *mono, uint32_t count, uint32_t channels, uint32_t c);
 void scatter_channel_avx2(int16_t *frames, const int16_t *mono, uint32_t count, uint32_t channels, uint32_t c);
+void scatter_channel_avx512(int16_t *frames, const int16_t *mono, uint32_t count, uint32_t channels, uint32_t c);
 void scatter_channel_neon(int16_t *frames, const int16_t *mono, uint32_t count, uint32_t channels, uint32_t c);
 void split_channels_sse41(int16_t *const *mono, const int16_t *frames, uint32_t count, uint32_t channels);
 void split_channels_avx2(int16_t *const *mono, const int16_t *frames, uint32_t count, uint32_t channels);
+void split_channels_avx512(int16_t *const *mono, const int16_t *frames, uint32_t count, uint32_t channels);
 void split_channels_neon(int16_t *const *mono, const int16_t *frames, uint32_t count, uint32_t channels);
 void merge_channels_sse41(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels);
 void merge_channels_avx2(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels);
+void merge_channels_avx512(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels);
 void merge_channels_neon(int16_t *frames, const int16_t *const *mono, uint32_t count, uint32_t channels);
 
 }  // namespace rsmpl
